@@ -1,0 +1,47 @@
+# GoogleTest and the one way to add a test program.
+include(GoogleTest)
+
+set(TOLV_GOOGLETEST_DIR /usr/src/googletest CACHE PATH
+  "GoogleTest's sources; built with the flags of this build tree")
+if(EXISTS "${TOLV_GOOGLETEST_DIR}/CMakeLists.txt")
+  block()
+    set(CMAKE_COMPILE_WARNING_AS_ERROR OFF)
+    set(INSTALL_GTEST OFF)
+    set(BUILD_GMOCK OFF)
+    add_subdirectory("${TOLV_GOOGLETEST_DIR}"
+      "${CMAKE_BINARY_DIR}/googletest" EXCLUDE_FROM_ALL SYSTEM)
+  endblock()
+else()
+  find_package(GTest REQUIRED)
+  add_library(gtest ALIAS GTest::gtest)
+  add_library(gtest_main ALIAS GTest::gtest_main)
+endif()
+
+# tolv_test(SOURCE [WRAP function ...] [SOURCES file ...] [LIBRARIES target ...]
+#           [TIMEOUT seconds])
+#
+# One program from SOURCE, named after its file, linked with the objects of the
+# library so that tests reach what is private; every test of it is a process of
+# its own. WRAP: libc functions that the program replaces (it defines
+# __wrap_NAME and may call __real_NAME). SOURCES: more files, for example from
+# tests/support. LIBRARIES: used in place of the library's objects and the
+# platform. TIMEOUT: the limit of one test, 30 seconds unless said.
+function(tolv_test SOURCE)
+  cmake_parse_arguments(PARSE_ARGV 1 ARG "" "TIMEOUT" "WRAP;SOURCES;LIBRARIES")
+  cmake_path(GET SOURCE STEM l_name)
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 30)
+  endif()
+  if(NOT ARG_LIBRARIES)
+    set(ARG_LIBRARIES tolv_objects)
+  endif()
+  add_executable(${l_name} ${SOURCE} ${ARG_SOURCES})
+  target_include_directories(${l_name} PRIVATE "${PROJECT_SOURCE_DIR}/tests")
+  target_link_libraries(${l_name} PRIVATE
+    ${ARG_LIBRARIES} gtest gtest_main tolv_warnings)
+  foreach(l_function IN LISTS ARG_WRAP)
+    target_link_options(${l_name} PRIVATE "LINKER:--wrap=${l_function}")
+  endforeach()
+  gtest_discover_tests(${l_name} DISCOVERY_TIMEOUT 60
+    PROPERTIES TIMEOUT ${ARG_TIMEOUT})
+endfunction()

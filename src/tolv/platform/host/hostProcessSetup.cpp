@@ -1,0 +1,6 @@
+#include "tolv/platform/processSetup.hpp"
+
+int PlatformProcessSetup(void*, bool)
+{
+    return 0;
+}

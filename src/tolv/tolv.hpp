@@ -1,0 +1,18 @@
+// Public header: all of tolv.
+#ifndef TOLV_TOLV_HPP
+#define TOLV_TOLV_HPP
+
+#include "tolv/vex/tolvBase.hpp"
+#include "tolv/vex/tolvCond.hpp"
+#include "tolv/vex/tolvDataBuff.hpp"
+#include "tolv/vex/tolvError.hpp"
+#include "tolv/vex/tolvExport.hpp"
+#include "tolv/vex/tolvFunction.hpp"
+#include "tolv/vex/tolvMutex.hpp"
+#include "tolv/vex/tolvThPool.hpp"
+#include "tolv/vex/tolvThread.hpp"
+#include "tolv/vex/tolvThreadSafety.hpp"
+#include "tolv/vex/tolvTimeValue.hpp"
+#include "tolv/vex/tolvTrace.hpp"
+
+#endif

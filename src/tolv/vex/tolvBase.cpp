@@ -1,0 +1,55 @@
+#include "tolv/vex/tolvBase.hpp"
+
+#include "tolv/vex/tolvTrace.hpp"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+
+namespace tolv
+{
+
+Base::~Base() = default;
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+#pragma GCC diagnostic ignored "-Wformat-security"
+
+// Deliberate: the text is passed on as a format.
+// Effect: a "%" in it is a conversion; "%%" gives one percent sign.
+// Pinned by: BaseTest.TextFormIsAFormat
+pError_t Base::BuildLog(unsigned char i_origin, unsigned short i_reason,
+                        const char* i_text)
+{
+    return BuildLog(i_origin, i_reason, g_TolvTraceDesc, i_text);
+}
+
+#pragma GCC diagnostic pop
+
+// Deliberate: an empty message makes no error.
+// Effect: the caller sees success.
+// Pinned by: BaseTest.EmptyMessageIsNoError
+pError_t Base::BuildLog(unsigned char i_origin, unsigned short i_reason,
+                        int /*i_traceDesc*/, const char* i_format, ...)
+{
+    const int l_errno = errno;
+    pError_t l_result;
+    char* l_text = nullptr;
+    va_list l_args;
+    va_start(l_args, i_format);
+    const int l_length = vasprintf(&l_text, i_format, l_args);
+    va_end(l_args);
+    errno = l_errno;
+    if (l_length >= 1)
+    {
+        l_result.reset(new Error(i_origin, i_reason, l_text));
+    }
+    if (l_length >= 0)
+    {
+        std::free(l_text);
+    }
+    return l_result;
+}
+
+} // namespace tolv

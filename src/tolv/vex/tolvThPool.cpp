@@ -1,0 +1,293 @@
+#include "tolv/vex/tolvThPool.hpp"
+
+#include "tolv/vex/tolvAssert.hpp"
+#include "tolv/vex/tolvThread.hpp"
+#include "tolv/vex/tolvTimeValue.hpp"
+
+#include <algorithm>
+
+namespace
+{
+
+const char* const SOURCE = "tolv/vex/tolvThPool";
+
+// How long a spare worker waits before it looks whether to retire, and how
+// long the pool must have been without need for it, in seconds.
+constexpr unsigned int RETIRE_SECONDS = 900;
+
+// What tells a worker that the pool spawned from a caller that joined: the
+// user pointers of their threads.
+void* const SPAWNED = reinterpret_cast<void*>(1);
+void* const JOINED = nullptr;
+
+tolv::TimeValue secondsFromNow(unsigned int i_seconds)
+{
+    tolv::TimeValue l_deadline(i_seconds);
+    l_deadline.ConvertToAbsolute();
+    return l_deadline;
+}
+
+// Joins what runs on a thread of its own; so without the pool's lock, which a
+// leaving worker may still be about to release.
+void deleteAll(std::vector<tolv::Thread*>& io_threads)
+{
+    for (tolv::Thread* l_thread : io_threads)
+    {
+        delete l_thread;
+    }
+    io_threads.clear();
+}
+
+} // namespace
+
+namespace tolv
+{
+
+ThreadPool::ThreadPool() :
+    iv_Threads(), iv_MinThreads(0), iv_MaxThreads(0), iv_Idle(0), iv_Pending(0),
+    iv_Overflows(0), iv_Shutdown(false), iv_Exited(0), iv_RetireIdle(true),
+    iv_LastBusy(0), iv_LastOverflow(0), iv_Retired(), iv_Lock(), iv_Work(),
+    iv_Done(), iv_Job(), iv_Surplus(), iv_Callers(0)
+{
+}
+
+ThreadPool::~ThreadPool()
+{
+    if (Shutdown(60))
+    {
+        assertFailed("false == Shutdown( 60 )", SOURCE, 85,
+                     "tolv::ThreadPool::~ThreadPool()");
+    }
+}
+
+bool ThreadPool::StartUp(unsigned int i_min, unsigned int i_max, Function i_job,
+                         bool i_retireIdle)
+{
+    const MutexLock l_lock(iv_Lock);
+    if (!iv_Threads.empty())
+    {
+        return false;
+    }
+    iv_MinThreads = i_min;
+    iv_MaxThreads = i_max;
+    iv_Pending = 0;
+    iv_Overflows = 0;
+    iv_Shutdown = false;
+    iv_Exited = 0;
+    iv_Job = i_job;
+    iv_RetireIdle = i_retireIdle;
+    iv_LastBusy = 0;
+    iv_LastOverflow = 0;
+    setIdle(i_min);
+    for (unsigned int l_count = 0; l_count != i_min; ++l_count)
+    {
+        spawn();
+    }
+    return true;
+}
+
+void ThreadPool::Dispatch()
+{
+    ThreadList l_retired;
+    {
+        const MutexLock l_lock(iv_Lock);
+        ++iv_Pending;
+        if (iv_Shutdown)
+        {
+            return;
+        }
+        if (iv_Idle >= iv_Pending)
+        {
+            iv_Work.NotifyOne();
+        }
+        else if (iv_Threads.size() < iv_MaxThreads)
+        {
+            // The new worker takes the run itself: nobody is woken.
+            spawn();
+            setIdle(iv_Idle + 1);
+        }
+        else
+        {
+            ++iv_Overflows;
+            iv_LastOverflow = time(nullptr);
+        }
+        l_retired.swap(iv_Retired);
+    }
+    deleteAll(l_retired);
+}
+
+unsigned int ThreadPool::getPoolDepth() const
+{
+    const MutexLock l_lock(iv_Lock);
+    return static_cast<unsigned int>(iv_Threads.size());
+}
+
+bool ThreadPool::Shutdown(unsigned int i_seconds)
+{
+    bool l_timedOut = false;
+    ThreadList l_stopped;
+    ThreadList l_retired;
+    {
+        const MutexLock l_lock(iv_Lock);
+        if (!iv_Threads.empty() || iv_Callers != 0)
+        {
+            iv_Shutdown = true;
+            iv_Work.NotifyAll();
+            iv_Surplus.NotifyAll();
+            const TimeValue l_deadline = secondsFromNow(i_seconds);
+            while (!allLeft() && !l_timedOut)
+            {
+                l_timedOut = iv_Done.TimedWait(iv_Lock, l_deadline);
+            }
+            // The last one may have left between the time-out and the lock.
+            l_timedOut = !allLeft();
+            if (!l_timedOut)
+            {
+                l_stopped.swap(iv_Threads);
+            }
+        }
+        l_retired.swap(iv_Retired);
+    }
+    deleteAll(l_stopped);
+    deleteAll(l_retired);
+    return l_timedOut;
+}
+
+void ThreadPool::JoinPool()
+{
+    const MutexLock l_lock(iv_Lock);
+    if (iv_Shutdown)
+    {
+        return;
+    }
+    ++iv_Callers;
+    if (iv_Threads.size() < iv_MaxThreads)
+    {
+        Thread* l_self = new Thread;
+        l_self->setUserPtr(JOINED);
+        iv_Threads.push_back(l_self);
+        setIdle(iv_Idle + 1);
+        iv_Lock.Unlock();
+        // Shutdown() deletes the object while this still runs.
+        l_self->Start(FunctionRef<ThreadPool>(this, &ThreadPool::workerLoop));
+        iv_Lock.Lock();
+    }
+    else
+    {
+        // Not on iv_Work: a caller that takes no runs would swallow wake-ups.
+        while (!iv_Shutdown)
+        {
+            iv_Surplus.Wait(iv_Lock);
+        }
+    }
+    --iv_Callers;
+    if (allLeft())
+    {
+        iv_Done.NotifyAll();
+    }
+}
+
+void ThreadPool::workerLoop()
+{
+    const MutexLock l_lock(iv_Lock);
+    Thread* const l_self = Thread::current();
+    const bool l_mayRetire = iv_RetireIdle && l_self->getUserPtr() == SPAWNED;
+    for (;;)
+    {
+        const bool l_retiring = waitForRun(l_mayRetire);
+        // A shutdown comes before the runs that are still pending.
+        if (iv_Shutdown)
+        {
+            leave();
+            return;
+        }
+        if (l_retiring)
+        {
+            retire(l_self);
+            return;
+        }
+        runJob();
+    }
+}
+
+// Returns true when the worker is to retire, false when there is a run to take
+// or a shutdown.
+bool ThreadPool::waitForRun(bool i_mayRetire)
+{
+    while (!iv_Shutdown && iv_Pending == 0)
+    {
+        if (!i_mayRetire)
+        {
+            iv_Work.Wait(iv_Lock);
+        }
+        else if (!shouldRetire())
+        {
+            iv_Work.TimedWait(iv_Lock, secondsFromNow(RETIRE_SECONDS));
+        }
+        else
+        {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool ThreadPool::shouldRetire() const
+{
+    const time_t l_now = time(nullptr);
+    return iv_Threads.size() > iv_MinThreads && iv_Idle > 1 &&
+           difftime(l_now, iv_LastOverflow) > RETIRE_SECONDS &&
+           difftime(l_now, iv_LastBusy) > RETIRE_SECONDS;
+}
+
+void ThreadPool::leave()
+{
+    ++iv_Exited;
+    if (allLeft())
+    {
+        iv_Done.NotifyAll();
+    }
+}
+
+void ThreadPool::retire(Thread* i_self)
+{
+    setIdle(iv_Idle - 1);
+    iv_Threads.erase(
+        std::find(iv_Threads.begin(), iv_Threads.end(), i_self));
+    iv_Retired.push_back(i_self);
+}
+
+void ThreadPool::runJob()
+{
+    --iv_Pending;
+    setIdle(iv_Idle - 1);
+    iv_Lock.Unlock();
+    iv_Job();
+    iv_Lock.Lock();
+    setIdle(iv_Idle + 1);
+}
+
+void ThreadPool::spawn()
+{
+    Thread* l_worker =
+        new Thread(FunctionRef<ThreadPool>(this, &ThreadPool::workerLoop));
+    l_worker->setUserPtr(SPAWNED);
+    iv_Threads.push_back(l_worker);
+    l_worker->Start();
+}
+
+void ThreadPool::setIdle(std::uint32_t i_idle)
+{
+    iv_Idle = i_idle;
+    if (i_idle < 2)
+    {
+        iv_LastBusy = time(nullptr);
+    }
+}
+
+bool ThreadPool::allLeft() const
+{
+    return iv_Exited >= iv_Threads.size() && iv_Callers == 0;
+}
+
+} // namespace tolv
