@@ -63,8 +63,7 @@ timespec toTimespec(const tolv::TimeValue& i_deadline)
 namespace tolv
 {
 
-Condition::Condition() :
-    iv_Cond(), iv_Waiters(0)
+Condition::Condition() : iv_Cond(), iv_Waiters(0)
 {
     if (pthread_cond_init(&iv_Cond, nullptr) != 0)
     {

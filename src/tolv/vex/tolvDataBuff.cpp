@@ -228,9 +228,7 @@ DataBuff& DataBuff::operator>>(ErrorLogEntry*& io_entry)
     return *this;
 }
 
-void DataBuff::Dump(FILE* /*o_stream*/)
-{
-}
+void DataBuff::Dump(FILE* /*o_stream*/) {}
 
 unsigned int DataBuff::getSize() const
 {

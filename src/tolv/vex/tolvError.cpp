@@ -101,8 +101,7 @@ Error::Error(unsigned char i_origin, unsigned short i_reason,
     errno = l_errno;
 }
 
-Error::Error(const void* i_image, std::size_t i_room) :
-    Error()
+Error::Error(const void* i_image, std::size_t i_room) : Error()
 {
     unflatten(i_image, i_room);
 }

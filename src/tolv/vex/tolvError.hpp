@@ -103,26 +103,14 @@ class TOLV_NODISCARD TOLV_EXPORT pError_t
 {
   public:
     /// Empty: no error.
-    pError_t() :
-        iv_Error(nullptr)
-    {
-    }
+    pError_t() : iv_Error(nullptr) {}
 
     /// Takes ownership.
-    explicit pError_t(Error* i_error) :
-        iv_Error(i_error)
-    {
-    }
+    explicit pError_t(Error* i_error) : iv_Error(i_error) {}
 
-    pError_t(pError_t& io_other) :
-        iv_Error(io_other.release())
-    {
-    }
+    pError_t(pError_t& io_other) : iv_Error(io_other.release()) {}
 
-    pError_t(pError_t&& io_other) :
-        iv_Error(io_other.release())
-    {
-    }
+    pError_t(pError_t&& io_other) : iv_Error(io_other.release()) {}
 
     pError_t& operator=(pError_t& io_other)
     {

@@ -27,10 +27,7 @@ template <class F>
 class function_caller : public function_base
 {
   public:
-    explicit function_caller(const F& i_callable) :
-        iv_Callable(i_callable)
-    {
-    }
+    explicit function_caller(const F& i_callable) : iv_Callable(i_callable) {}
 
     void invoke() override
     {
@@ -77,10 +74,7 @@ class TOLV_EXPORT Function
 {
   public:
     /// Empty: there is nothing to call.
-    Function() :
-        iv_Callable(nullptr)
-    {
-    }
+    Function() : iv_Callable(nullptr) {}
 
     /// Holds a copy of i_ref. Implicit, so that a FunctionRef is passed where
     /// a Function is asked for.

@@ -12,8 +12,7 @@ const char* const SOURCE = "tolv/vex/tolvMutex";
 namespace tolv
 {
 
-Mutex::Mutex() :
-    iv_Mutex()
+Mutex::Mutex() : iv_Mutex()
 {
     if (pthread_mutex_init(&iv_Mutex, nullptr) != 0)
     {
@@ -45,8 +44,7 @@ void Mutex::Unlock()
     }
 }
 
-MutexLock::MutexLock(Mutex& io_mutex) :
-    iv_Mutex(io_mutex)
+MutexLock::MutexLock(Mutex& io_mutex) : iv_Mutex(io_mutex)
 {
     iv_Mutex.Lock();
 }

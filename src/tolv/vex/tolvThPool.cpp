@@ -38,6 +38,13 @@ void deleteAll(std::vector<tolv::Thread*>& io_threads)
     io_threads.clear();
 }
 
+// An exception that left the job would leave the pool's counts wrong: it ends
+// the process here, on a joined caller's thread as well as on a worker.
+void run(tolv::Function& io_job) noexcept
+{
+    io_job();
+}
+
 } // namespace
 
 namespace tolv
@@ -252,8 +259,7 @@ void ThreadPool::leave()
 void ThreadPool::retire(Thread* i_self)
 {
     setIdle(iv_Idle - 1);
-    iv_Threads.erase(
-        std::find(iv_Threads.begin(), iv_Threads.end(), i_self));
+    iv_Threads.erase(std::find(iv_Threads.begin(), iv_Threads.end(), i_self));
     iv_Retired.push_back(i_self);
 }
 
@@ -262,7 +268,7 @@ void ThreadPool::runJob()
     --iv_Pending;
     setIdle(iv_Idle - 1);
     iv_Lock.Unlock();
-    iv_Job();
+    run(iv_Job);
     iv_Lock.Lock();
     setIdle(iv_Idle + 1);
 }

@@ -27,7 +27,7 @@ class Thread;
 /// than 15 minutes.
 ///
 /// Threads:   any operation from any thread; the job runs with no lock held.
-///            A job that throws ends the process.
+///            A job that throws or ends its thread ends the process.
 /// Ownership: the pool owns its Thread objects; a retired one is joined by the
 ///            next Dispatch() or Shutdown(), never by itself.
 class TOLV_EXPORT ThreadPool
@@ -103,14 +103,14 @@ class TOLV_EXPORT ThreadPool
     bool iv_Shutdown TOLV_GUARDED_BY(iv_Lock);
     std::uint32_t iv_Exited TOLV_GUARDED_BY(iv_Lock); // left since shutdown
     bool iv_RetireIdle TOLV_GUARDED_BY(iv_Lock);
-    time_t iv_LastBusy TOLV_GUARDED_BY(iv_Lock);      // iv_Idle went below 2
-    time_t iv_LastOverflow TOLV_GUARDED_BY(iv_Lock);  // 0: none yet
-    ThreadList iv_Retired TOLV_GUARDED_BY(iv_Lock);   // owned, to be joined
+    time_t iv_LastBusy TOLV_GUARDED_BY(iv_Lock);     // iv_Idle went below 2
+    time_t iv_LastOverflow TOLV_GUARDED_BY(iv_Lock); // 0: none yet
+    ThreadList iv_Retired TOLV_GUARDED_BY(iv_Lock);  // owned, to be joined
     mutable Mutex iv_Lock;
-    Condition iv_Work;     // workers wait here for runs or shutdown
-    Condition iv_Done;     // Shutdown() waits here for the last to leave
-    Function iv_Job;       // constant while there are threads
-    Condition iv_Surplus;  // callers that found the pool at its maximum
+    Condition iv_Work;    // workers wait here for runs or shutdown
+    Condition iv_Done;    // Shutdown() waits here for the last to leave
+    Function iv_Job;      // constant while there are threads
+    Condition iv_Surplus; // callers that found the pool at its maximum
     std::uint32_t iv_Callers TOLV_GUARDED_BY(iv_Lock); // inside JoinPool()
 };
 

@@ -13,8 +13,7 @@ thread_local tolv::Thread* t_current = nullptr;
 class CurrentScope
 {
   public:
-    explicit CurrentScope(tolv::Thread* i_thread) :
-        iv_Outer(t_current)
+    explicit CurrentScope(tolv::Thread* i_thread) : iv_Outer(t_current)
     {
         t_current = i_thread;
     }

@@ -21,8 +21,7 @@
 #define TOLV_GUARDED_BY(lock) TOLV_THREAD_SAFETY(guarded_by(lock))
 
 /// The function is called with the lock held.
-#define TOLV_REQUIRES(...)                                                     \
-    TOLV_THREAD_SAFETY(requires_capability(__VA_ARGS__))
+#define TOLV_REQUIRES(...) TOLV_THREAD_SAFETY(requires_capability(__VA_ARGS__))
 
 /// The function is called with the lock not held: it takes it itself.
 #define TOLV_EXCLUDES(...) TOLV_THREAD_SAFETY(locks_excluded(__VA_ARGS__))

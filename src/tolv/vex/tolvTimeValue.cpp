@@ -13,8 +13,8 @@ namespace
 constexpr std::uint64_t TIME_BASE_HZ = 166666667;
 constexpr std::uint64_t MICROS_PER_SECOND = 1000000;
 
-static_assert(TIME_BASE_HZ <= std::numeric_limits<std::uint64_t>::max() /
-                                  MICROS_PER_SECOND,
+static_assert(TIME_BASE_HZ <=
+                  std::numeric_limits<std::uint64_t>::max() / MICROS_PER_SECOND,
               "a remainder in microseconds fits 64 bits");
 
 #if defined(__powerpc__) && !defined(__powerpc64__)
@@ -73,10 +73,10 @@ TimeValue TimeValue::getUptime()
 
 TimeValue TimeValue::fromTimeBase(std::uint64_t i_ticks)
 {
-    return TimeValue(static_cast<std::uint32_t>(i_ticks / TIME_BASE_HZ),
-                     static_cast<std::uint32_t>(i_ticks % TIME_BASE_HZ *
-                                                MICROS_PER_SECOND /
-                                                TIME_BASE_HZ));
+    return TimeValue(
+        static_cast<std::uint32_t>(i_ticks / TIME_BASE_HZ),
+        static_cast<std::uint32_t>(i_ticks % TIME_BASE_HZ * MICROS_PER_SECOND /
+                                   TIME_BASE_HZ));
 }
 
 void TimeValue::ConvertToAbsolute()

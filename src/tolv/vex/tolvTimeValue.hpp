@@ -19,14 +19,12 @@ class TOLV_EXPORT TimeValue
 {
   public:
     /// Zero.
-    TimeValue() :
-        iv_Seconds(0), iv_MicroSeconds(0)
-    {
-    }
+    TimeValue() : iv_Seconds(0), iv_MicroSeconds(0) {}
 
     explicit TimeValue(unsigned int i_seconds,
                        unsigned int i_microSeconds = 0) :
-        iv_Seconds(i_seconds), iv_MicroSeconds(i_microSeconds)
+        iv_Seconds(i_seconds),
+        iv_MicroSeconds(i_microSeconds)
     {
     }
 

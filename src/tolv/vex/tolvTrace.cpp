@@ -55,9 +55,8 @@ FILE* openTraceFile()
 {
     char l_path[80];
     snprintf(l_path, sizeof(l_path), "/nfs/data/tolv.%i.trac", getpid());
-    const int l_fd =
-        open(l_path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC,
-             0666);
+    const int l_fd = open(
+        l_path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666);
     if (l_fd == -1)
     {
         return nullptr;
@@ -238,10 +237,11 @@ void TraceFile::HexDump(const char* i_path, int i_line, const char* i_text,
 // come from the build and have one.
 // Pinned by: FunctionTraceDeathTest.PathWithoutASlashIsNotGuarded
 FunctionTrace::FunctionTrace(FILE* i_stream, const char* i_path, int i_line,
-                             const char* i_prettyFunction,
-                             const char* i_format, ...) :
-    iv_File(std::strrchr(i_path, '/') + 1), iv_Line(i_line),
-    iv_Name(functionName(i_prettyFunction)), iv_Stream(i_stream)
+                             const char* i_prettyFunction, const char* i_format,
+                             ...) :
+    iv_File(std::strrchr(i_path, '/') + 1),
+    iv_Line(i_line), iv_Name(functionName(i_prettyFunction)),
+    iv_Stream(i_stream)
 {
     const TraceFile::Line l_line(*TraceFile::getInstance(iv_Stream), iv_File,
                                  iv_Line);
