@@ -124,7 +124,8 @@ class ThreadPoolTest : public testing::Test
     typename std::decay<decltype(std::declval<ThreadPool&>().*get(Tag()))>::type
     value(Tag i_tag)
     {
-        const MutexLock l_lock(iv_Pool.*get(Lock()));
+        Mutex& l_mutex = iv_Pool.*get(Lock());
+        const MutexLock l_lock(l_mutex);
         return iv_Pool.*get(i_tag);
     }
 
@@ -150,7 +151,8 @@ class ThreadPoolTest : public testing::Test
     template <class Tag, class Value>
     void setValue(Tag i_tag, Value i_value)
     {
-        const MutexLock l_lock(iv_Pool.*get(Lock()));
+        Mutex& l_mutex = iv_Pool.*get(Lock());
+        const MutexLock l_lock(l_mutex);
         iv_Pool.*get(i_tag) = i_value;
     }
 
@@ -669,7 +671,8 @@ TEST_F(ThreadPoolTest, DestructorWaitsForCallersInsideJoinPool)
         ASSERT_TRUE(waitFor(
             [&]
             {
-                const MutexLock l_lock(l_pool->*get(Lock()));
+                Mutex& l_mutex = l_pool->*get(Lock());
+                const MutexLock l_lock(l_mutex);
                 return l_pool->*get(Callers()) == 2;
             }));
         delete l_pool;
