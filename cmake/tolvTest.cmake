@@ -17,6 +17,9 @@ else()
   add_library(gtest_main ALIAS GTest::gtest_main)
 endif()
 
+set(TOLV_TEST_TIMEOUT_FACTOR 1 CACHE STRING
+  "How many times longer a test may take here than natively")
+
 # tolv_test(SOURCE [WRAP function ...] [SOURCES file ...] [LIBRARIES target ...]
 #           [TIMEOUT seconds])
 #
@@ -25,7 +28,8 @@ endif()
 # its own. WRAP: libc functions that the program replaces (it defines
 # __wrap_NAME and may call __real_NAME). SOURCES: more files, for example from
 # tests/support. LIBRARIES: used in place of the library's objects and the
-# platform. TIMEOUT: the limit of one test, 30 seconds unless said.
+# platform. TIMEOUT: the limit of one test as it runs natively, 30 seconds
+# unless said.
 function(tolv_test SOURCE)
   cmake_parse_arguments(PARSE_ARGV 1 ARG "" "TIMEOUT" "WRAP;SOURCES;LIBRARIES")
   cmake_path(GET SOURCE STEM l_name)
@@ -42,6 +46,7 @@ function(tolv_test SOURCE)
   foreach(l_function IN LISTS ARG_WRAP)
     target_link_options(${l_name} PRIVATE "LINKER:--wrap=${l_function}")
   endforeach()
+  math(EXPR l_timeout "${ARG_TIMEOUT} * ${TOLV_TEST_TIMEOUT_FACTOR}")
   gtest_discover_tests(${l_name} DISCOVERY_TIMEOUT 60
-    PROPERTIES TIMEOUT ${ARG_TIMEOUT})
+    PROPERTIES TIMEOUT ${l_timeout})
 endfunction()

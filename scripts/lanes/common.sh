@@ -9,7 +9,7 @@ TOLV_FAILED=0
 TOLV_SKIPPED=0
 
 # check NAME COMMAND [ARGUMENT ...]: passes when the command succeeds; shows
-# what it printed only when it does not.
+# what it printed only when it does not, and fails then.
 check()
 {
     local name=$1 output
@@ -21,6 +21,7 @@ check()
     else
         printf '%s\nFAILED  %s\n' "$output" "$name"
         TOLV_FAILED=$((TOLV_FAILED + 1))
+        return 1
     fi
 }
 
@@ -29,6 +30,45 @@ skip()
 {
     printf 'SKIPPED %s: %s\n' "$1" "$2"
     TOLV_SKIPPED=$((TOLV_SKIPPED + 1))
+}
+
+# addResults COMMAND [ARGUMENT ...]: the command reports on tests; its last
+# line is 'N passed, N failed, N skipped' and is added, the rest is shown.
+addResults()
+{
+    local output passed failed skipped
+    output=$("$@" 2>&1)
+    if ! read -r passed failed skipped < <(tail -n 1 <<<"$output" |
+        sed -nE 's/^([0-9]+) passed, ([0-9]+) failed, ([0-9]+) skipped$/\1 \2 \3/p')
+    then
+        printf '%s\nFAILED  no result from %s\n' "$output" "$1"
+        TOLV_FAILED=$((TOLV_FAILED + 1))
+        return
+    fi
+    sed '$d' <<<"$output"
+    TOLV_PASSED=$((TOLV_PASSED + passed))
+    TOLV_FAILED=$((TOLV_FAILED + failed))
+    TOLV_SKIPPED=$((TOLV_SKIPPED + skipped))
+}
+
+# buildPreset PRESET: configures and builds everything of a preset, as far as
+# it goes, so that one run shows every fault.
+buildPreset()
+{
+    cmake --preset "$1" && cmake --build --preset "$1" -- -k 0
+}
+
+# testPreset PRESET JOBS: runs every test of a built preset, JOBS at a time,
+# and adds their results one by one. More jobs than processors pay off where
+# tests mostly wait.
+testPreset()
+{
+    local results=$PWD/build/$1/results.xml
+    rm -f "$results"
+    # Its status is in the results; what it prints is for people at a terminal.
+    ctest --preset "$1" --parallel "$2" --output-junit "$results" \
+        >"build/$1/ctest.log" 2>&1
+    addResults scripts/lanes/readResults.py "$results"
 }
 
 # finish: the closing line; the lane's result.
