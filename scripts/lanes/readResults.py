@@ -14,6 +14,8 @@ def verdict(case):
     """'passed', 'skipped' or 'failed'; only a completed run passes."""
     if case.get("status") == "run" and case.find("failure") is None:
         return "passed"
+    if case.get("status") == "disabled":
+        return "skipped"
     output = case.findtext("system-out", "")
     reason = case.find("skipped")
     # The mark of a skip does not excuse a fault found in the same process.
