@@ -7,8 +7,12 @@
 APT_GET=(apt-get -qq -o Dpkg::Use-Pty=0 -o Acquire::Retries=3
     -o DPkg::Lock::Timeout=300)
 
+# For what is fetched into a folder of the caller's, where the user that apt
+# downloads as otherwise may not write.
+AS_CALLER=(-o APT::Sandbox::User=root)
+
 # asRoot COMMAND [ARGUMENT ...]: as root, or through sudo, which asks for a
-# password only where somebody can type it.
+# password only where somebody can see the question.
 asRoot()
 {
     if [ "$(id -u)" -eq 0 ]
@@ -18,7 +22,7 @@ asRoot()
     then
         echo "needs root, and there is no sudo: $*" >&2
         return 1
-    elif [ -t 0 ]
+    elif [ -t 2 ] && [ -z "${CI:-}" ]
     then
         sudo "$@"
     else
@@ -36,11 +40,9 @@ updatePackageLists()
 # that are missing or older than the mirror are brought up to date first.
 fetchPackage()
 {
-    # Debian's download helper user may not write here; apt then says so and
-    # downloads as the caller, which is meant.
-    "${APT_GET[@]}" -o APT::Sandbox::User=root download "$1" 2>/dev/null ||
-        { updatePackageLists &&
-            "${APT_GET[@]}" -o APT::Sandbox::User=root download "$1"; }
+    "${APT_GET[@]}" "${AS_CALLER[@]}" download "$1" 2>/dev/null && return
+    updatePackageLists || true # a source out of reach may not be the one
+    "${APT_GET[@]}" "${AS_CALLER[@]}" download "$1"
 }
 
 # sourceEntries: a deb-src line for each of Debian's own archives from which
@@ -65,7 +67,7 @@ fetchSource()
     then
         updatePackageLists && sourceEntries >"$apt/sources.list" || return 1
     fi
-    local apt_get=("${APT_GET[@]}" -o APT::Sandbox::User=root
+    local apt_get=("${APT_GET[@]}" "${AS_CALLER[@]}"
         -o "Dir::Etc::sourcelist=$apt/sources.list"
         -o "Dir::Etc::sourceparts=$apt/parts"
         -o "Dir::State::lists=$apt/lists" -o "Dir::Cache=$apt/cache")
