@@ -215,20 +215,20 @@ TEST_F(BaseTest, ShortageOfMemoryGivesNoErrorAndNoException)
 TEST_F(BaseTest, ErrnoStaysAsItWas)
 {
     errno = EPIPE;
-    pError_t l_error = iv_Base.BuildLog(1, 2, 0, "something");
+    const pError_t l_formatted = iv_Base.BuildLog(1, 2, 0, "something");
     EXPECT_EQ(EPIPE, errno);
 
     errno = EAGAIN;
-    l_error = iv_Base.BuildLog(1, 2, "something");
+    const pError_t l_plain = iv_Base.BuildLog(1, 2, "something");
     EXPECT_EQ(EAGAIN, errno);
 
     errno = EBUSY;
-    pError_t l_empty = iv_Base.BuildLog(1, 2, EMPTY.c_str());
+    const pError_t l_empty = iv_Base.BuildLog(1, 2, EMPTY.c_str());
     EXPECT_EQ(EBUSY, errno);
 
     g_formatting = FORMAT_FAILS;
     errno = EDOM;
-    l_empty = iv_Base.BuildLog(1, 2, 0, "something");
+    const pError_t l_failed = iv_Base.BuildLog(1, 2, 0, "something");
     EXPECT_EQ(EDOM, errno);
 }
 

@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include <new>
+
 namespace tolv
 {
 
@@ -40,15 +42,16 @@ pError_t Base::BuildLog(unsigned char i_origin, unsigned short i_reason,
     va_start(l_args, i_format);
     const int l_length = vasprintf(&l_text, i_format, l_args);
     va_end(l_args);
-    errno = l_errno;
     if (l_length >= 1)
     {
-        l_result.reset(new Error(i_origin, i_reason, l_text));
+        errno = l_errno; // the error records it
+        l_result.reset(new (std::nothrow) Error(i_origin, i_reason, l_text));
     }
     if (l_length >= 0)
     {
         std::free(l_text);
     }
+    errno = l_errno;
     return l_result;
 }
 

@@ -30,8 +30,8 @@ class TOLV_EXPORT Base
     ///
     /// i_traceDesc is accepted and not used.
     ///
-    /// Returns: the error; empty, deliberately, when the message is empty or
-    ///          cannot be formatted.
+    /// Returns: the error; empty, deliberately, when the message is empty;
+    ///          empty too when it cannot be formatted or memory is short.
     virtual pError_t BuildLog(unsigned char i_origin, unsigned short i_reason,
                               int i_traceDesc, const char* i_format, ...)
         TOLV_PRINTF(5, 6);
