@@ -7,8 +7,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include <algorithm>
-
 namespace
 {
 
@@ -91,12 +89,8 @@ Error::Error(unsigned char i_origin, unsigned short i_reason,
     iv_Errno = l_errno;
 
     iv_TraceLength = TRACE_SNAPSHOT;
-    iv_Trace = static_cast<unsigned char*>(std::malloc(TRACE_SNAPSHOT));
-    if (iv_Trace != nullptr)
-    {
-        // A platform without the service leaves the snapshot untouched.
-        std::memset(iv_Trace, 0, TRACE_SNAPSHOT);
-    }
+    // Zeros: a platform without the service leaves the snapshot untouched.
+    iv_Trace = static_cast<unsigned char*>(std::calloc(TRACE_SNAPSHOT, 1));
     TraceBufferReadDiff("TOLV", TRACE_SNAPSHOT, iv_Trace);
     errno = l_errno;
 }
@@ -226,7 +220,8 @@ void Error::unflatten(const void* i_image, std::size_t i_room)
         // Only the string itself is taken from the text: a short one with a
         // long length must not carry foreign bytes along. The byte behind the
         // block ends a text that came without its NUL.
-        iv_Text = static_cast<char*>(std::calloc(l_textLength + 1ULL, 1));
+        iv_Text =
+            static_cast<char*>(std::calloc(std::size_t(l_textLength) + 1, 1));
         if (iv_Text != nullptr)
         {
             const char* l_text = reinterpret_cast<const char*>(l_image);
