@@ -70,24 +70,9 @@ extern "C"
     }
 }
 
-void* operator new(std::size_t i_size)
+void* operator new(std::size_t i_size, const std::nothrow_t& /*i_tag*/) noexcept
 {
-    void* l_block = t_outOfMemory ? nullptr : std::malloc(i_size);
-    if (l_block == nullptr)
-    {
-        throw std::bad_alloc();
-    }
-    return l_block;
-}
-
-void operator delete(void* i_block) noexcept
-{
-    std::free(i_block);
-}
-
-void operator delete(void* i_block, std::size_t /*i_size*/) noexcept
-{
-    std::free(i_block);
+    return t_outOfMemory ? nullptr : ::operator new(i_size);
 }
 
 namespace
