@@ -1,4 +1,4 @@
-// Helper of the tests: the serialised form of an error, made independently.
+// Makes the serialised form of an error without the code under test.
 #ifndef TOLV_TESTS_SUPPORT_ERRORIMAGE_HPP
 #define TOLV_TESTS_SUPPORT_ERRORIMAGE_HPP
 

@@ -1,4 +1,4 @@
-// Helper of the tests: a platform that records and answers what a test says.
+// A platform that records and answers what a test says.
 #ifndef TOLV_TESTS_SUPPORT_FAKEPLATFORM_HPP
 #define TOLV_TESTS_SUPPORT_FAKEPLATFORM_HPP
 

@@ -1,4 +1,4 @@
-// Helper of the tests: where an operation stands in its class's virtual table.
+// Tells where an operation stands in its class's virtual table.
 #ifndef TOLV_TESTS_SUPPORT_SLOTOF_HPP
 #define TOLV_TESTS_SUPPORT_SLOTOF_HPP
 

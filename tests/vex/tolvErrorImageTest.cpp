@@ -1,16 +1,15 @@
 #include "tolv/vex/tolvError.hpp"
 
 #include "support/errorImage.hpp"
+#include "support/expectAbort.hpp"
 #include "support/fakePlatform.hpp"
 
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
 
-#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -89,8 +88,7 @@ void expectFields(const Error& i_error)
 void expectAbort(const std::string& i_image)
 {
     const auto l_block = exactBlock(i_image);
-    EXPECT_EXIT(Error(l_block.get(), i_image.size()),
-                ::testing::KilledBySignal(SIGABRT), "")
+    EXPECT_ABORT(Error(l_block.get(), i_image.size()))
         << i_image.size() << " bytes";
 }
 
