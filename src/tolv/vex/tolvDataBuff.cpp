@@ -206,7 +206,7 @@ DataBuff& DataBuff::operator<<(ErrorLogEntry* i_entry)
     }
     const unsigned int l_length = i_entry->flattenedSize();
     requireInside(iv_Offset, l_length, iv_Size);
-    i_entry->flatten(iv_Data + iv_Offset, room());
+    i_entry->flatten(iv_Data + iv_Offset, l_length);
     iv_Offset += l_length;
     return *this;
 }
