@@ -33,18 +33,25 @@ function(tolv_test_program NAME SOURCE)
 endfunction()
 
 # tolv_test(SOURCE [WRAP function ...] [SOURCES file ...] [LIBRARIES target ...]
-#           [TIMEOUT seconds])
+#           [NAME name] [TIMEOUT seconds])
 #
-# One program from SOURCE, named after its file, linked with the objects of the
-# library so that tests reach what is private; every test of it is a process of
-# its own. WRAP: libc functions that the program replaces (it defines
+# One program from SOURCE, named after its file, or NAME where a file makes more
+# than one; then the names of its tests begin with NAME. It is linked with the
+# objects of the library so that tests reach what is private; every test of it
+# is a process of its own. WRAP: libc functions that the program replaces (it defines
 # __wrap_NAME and may call __real_NAME). SOURCES: more files, for example from
 # tests/support. LIBRARIES: used in place of the library's objects and the
 # platform. TIMEOUT: the limit of one test as it runs natively, 30 seconds
 # unless said.
 function(tolv_test SOURCE)
-  cmake_parse_arguments(PARSE_ARGV 1 ARG "" "TIMEOUT" "WRAP;SOURCES;LIBRARIES")
+  cmake_parse_arguments(PARSE_ARGV 1 ARG "" "NAME;TIMEOUT"
+    "WRAP;SOURCES;LIBRARIES")
   cmake_path(GET SOURCE STEM l_name)
+  set(l_prefix "")
+  if(ARG_NAME)
+    set(l_name ${ARG_NAME})
+    set(l_prefix ${ARG_NAME}.)
+  endif()
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 30)
   endif()
@@ -54,7 +61,7 @@ function(tolv_test SOURCE)
   tolv_test_program(${l_name} ${SOURCE} WRAP ${ARG_WRAP}
     SOURCES ${ARG_SOURCES} LIBRARIES ${ARG_LIBRARIES})
   math(EXPR l_timeout "${ARG_TIMEOUT} * ${TOLV_TEST_TIMEOUT_FACTOR}")
-  gtest_discover_tests(${l_name} DISCOVERY_TIMEOUT 60
+  gtest_discover_tests(${l_name} TEST_PREFIX "${l_prefix}" DISCOVERY_TIMEOUT 60
     PROPERTIES TIMEOUT ${l_timeout})
 endfunction()
 
