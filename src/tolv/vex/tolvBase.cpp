@@ -32,6 +32,10 @@ pError_t Base::BuildLog(unsigned char i_origin, unsigned short i_reason,
 // Deliberate: an empty message makes no error.
 // Effect: the caller sees success.
 // Pinned by: BaseTest.EmptyMessageIsNoError
+//
+// Deliberate: the trace descriptor is not used.
+// Effect: an error leaves no entry in any trace buffer.
+// Pinned by: BaseTest.TraceDescriptorIsNotUsed
 pError_t Base::BuildLog(unsigned char i_origin, unsigned short i_reason,
                         int /*i_traceDesc*/, const char* i_format, ...)
 {

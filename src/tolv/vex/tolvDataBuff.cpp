@@ -10,6 +10,9 @@
 namespace
 {
 
+// Deliberate: new bytes hold "C", not zeros.
+// Effect: bytes that nobody wrote are recognised in a dump and on the wire.
+// Pinned by: DataBuffTest.NewBufferHoldsUnwrittenBytes
 constexpr char UNWRITTEN = 0x43;
 
 // The sum is made in 64 bits, so that it cannot wrap into the block.
@@ -144,6 +147,9 @@ void DataBuff::Peek(unsigned int i_at, void* o_bytes,
     move(static_cast<char*>(o_bytes), iv_Data + i_at, i_length);
 }
 
+// Deliberate: a constant buffer can be written to.
+// Effect: const protects the size and the offset, not the bytes.
+// Pinned by: DataBuffTest.PokeCopiesInAndLeavesTheOffset
 void DataBuff::Poke(unsigned int i_at, const void* i_bytes,
                     unsigned int i_length) const
 {

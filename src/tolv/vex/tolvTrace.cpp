@@ -51,6 +51,10 @@ tolv::Mutex& instanceLock()
 
 // Null when the file cannot be opened. A link at the path is not followed:
 // the folder may be writable for others.
+//
+// Deliberate: the file is for everybody, whatever the umask took away.
+// Effect: any user of the machine may read, empty and write a daemon's trace.
+// Pinned by: TraceFileTest.EveryoneMayReadAndWriteWhateverTheUmask
 FILE* openTraceFile()
 {
     char l_path[80];
@@ -67,7 +71,7 @@ FILE* openTraceFile()
         close(l_fd);
         return nullptr;
     }
-    fchmod(l_fd, 0666); // whatever the umask took away
+    fchmod(l_fd, 0666);
     __fsetlocking(l_stream, FSETLOCKING_BYCALLER);
     return l_stream;
 }
@@ -80,6 +84,11 @@ const char* baseName(const char* i_path)
 
 // The qualified name in "TYPE NAME(PARAMETERS)"; the whole text where there is
 // no such part. The caller owns the new array.
+//
+// Deliberate: the name begins after the first blank, not after the last.
+// Effect: "virtual void a::b()" and "const char* a::b()" keep a part of their
+// type, "void a::b" and "char* a::b".
+// Pinned by: FunctionTraceTest.NameBeginsAfterTheFirstBlank
 char* functionName(const char* i_pretty)
 {
     const char* l_begin = i_pretty;
@@ -107,15 +116,22 @@ constexpr std::size_t DUMP_GROUP = 4; // bytes between two gaps
 constexpr int HEX_COLUMN = 43;        // characters, padding included
 constexpr int ASCII_COLUMN = 19;      // characters, padding included
 
+// Deliberate: what begins markup is not shown either.
+// Effect: "&", "<" and ">" are dots, and a dump can stand in a page as it is.
+// Pinned by: TraceFileTest.DumpShowsUnprintableAndMarkupBytesAsDots
 bool isShown(unsigned char i_byte)
 {
     return std::isprint(i_byte) != 0 && i_byte != '&' && i_byte != '<' &&
            i_byte != '>';
 }
 
+// Deliberate: the first column is the address in memory, not the offset in the
+// data, and as wide as an address of the deployed target.
+// Effect: dumps of equal data differ; where addresses are wider than 32 bits
+// their low half is shown.
+// Pinned by: TraceFileTest.DumpShowsAddressesInMemory
 void dumpLine(FILE* o_stream, const unsigned char* i_bytes, std::size_t i_count)
 {
-    // The column is as wide as an address of the deployed target.
     fprintf(o_stream, "|   %08X     ",
             static_cast<unsigned int>(
                 reinterpret_cast<std::uintptr_t>(i_bytes) & 0xFFFFFFFFU));
@@ -143,6 +159,10 @@ namespace tolv
 
 // Holds the file's lock, has written the header, and flushes at its end. With
 // no stream it does nothing and its user writes nothing.
+//
+// Deliberate: the microseconds have blanks behind, not zeros in front.
+// Effect: 50 microseconds after the first second read "1.50".
+// Pinned by: TraceFileTest.MicrosecondsAreNotPaddedWithZeros
 class TraceFile::Line
 {
   public:
