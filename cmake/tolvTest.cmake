@@ -35,14 +35,14 @@ endfunction()
 # tolv_test(SOURCE [WRAP function ...] [SOURCES file ...] [LIBRARIES target ...]
 #           [NAME name] [TIMEOUT seconds])
 #
-# One program from SOURCE, named after its file, or NAME where a file makes more
-# than one; then the names of its tests begin with NAME. It is linked with the
-# objects of the library so that tests reach what is private; every test of it
-# is a process of its own. WRAP: libc functions that the program replaces (it defines
+# One program from SOURCE, named after its file, linked with the objects of the
+# library so that tests reach what is private; every test of it is a process of
+# its own. WRAP: libc functions that the program replaces (it defines
 # __wrap_NAME and may call __real_NAME). SOURCES: more files, for example from
 # tests/support. LIBRARIES: used in place of the library's objects and the
-# platform. TIMEOUT: the limit of one test as it runs natively, 30 seconds
-# unless said.
+# platform. NAME: for a second program from the same file; the names of its
+# tests begin with it. TIMEOUT: the limit of one test as it runs natively, 30
+# seconds unless said.
 function(tolv_test SOURCE)
   cmake_parse_arguments(PARSE_ARGV 1 ARG "" "NAME;TIMEOUT"
     "WRAP;SOURCES;LIBRARIES")
