@@ -5,21 +5,25 @@
 #include "tolv/vex/tolvExport.hpp"
 
 /// Creates the named trace buffer of this process, or attaches to it when it
-/// exists.
+/// exists; then i_size is without effect.
 ///
-/// Units:   i_size, bytes.
-/// Returns: 0 with o_descriptor filled, or -1 with errno. A platform without
-///          the service returns -1; callers go on without trace.
-/// Threads: any.
+/// May be called before main(). A process made by fork() has buffers of its
+/// own under the descriptors that it inherits.
+///
+/// Units:   i_size, bytes; the platform may round it up.
+/// Returns: 0 with o_descriptor filled (it is above 0), or -1 with errno. A
+///          platform without the service returns -1; callers go on without
+///          trace.
+/// Threads: any. errno is left unchanged on success.
 TOLV_EXPORT int TraceBufferInit(int* o_descriptor, const char* i_name,
                                 unsigned int i_size);
 
-/// Copies the newest entries of the named buffer, oldest of them first, and
-/// fills the rest of o_buffer with zeros.
+/// Copies the newest entries of the named buffer of this process, oldest of
+/// them first, and fills the rest of o_buffer with zeros.
 ///
 /// Units:   i_size, bytes.
-/// Returns: bytes copied, or -1 with errno.
-/// Threads: any.
+/// Returns: bytes copied, or -1 with errno and o_buffer untouched.
+/// Threads: any. errno is left unchanged on success.
 TOLV_EXPORT int TraceBufferReadDiff(const char* i_name, unsigned int i_size,
                                     void* o_buffer);
 
