@@ -93,7 +93,8 @@ void sign(Bytes& io_flat)
     {
         for (unsigned int l_bit = 0; l_bit != 8; ++l_bit)
         {
-            const bool l_odd = ((l_crc ^ (io_flat[l_index] >> l_bit)) & 1) != 0;
+            const std::uint32_t l_byte = io_flat[l_index];
+            const bool l_odd = ((l_crc ^ (l_byte >> l_bit)) & 1) != 0;
             l_crc = l_odd ? (l_crc >> 1) ^ 0xEDB88320 : l_crc >> 1;
         }
     }

@@ -533,10 +533,10 @@ TEST_F(TraceSegmentTest, ReaderRefusesEveryCutOffSegment)
     TraceSegment* l_segment = createSharedSegment("A", SIZE);
     append(l_segment, "one\n");
     const std::string l_path = ownPath() + ".copy";
-    for (std::size_t l_size = 0; l_size != 128 + SIZE; ++l_size)
+    std::filesystem::copy_file(ownPath(), l_path);
+    for (std::size_t l_size = 128 + SIZE; l_size-- != 0;)
     {
-        std::ofstream(l_path, std::ios::binary)
-            << contentOf(ownPath()).substr(0, l_size);
+        std::filesystem::resize_file(l_path, l_size);
         expectRefused(l_path, EBADMSG);
     }
     releaseSegment(l_segment, SIZE);
@@ -549,13 +549,16 @@ TEST_F(TraceSegmentTest, ReaderSurvivesEveryDamagedHeader)
     const std::string l_whole = contentOf(ownPath());
     releaseSegment(l_segment, SIZE);
     const std::string l_path = ownPath() + ".copy";
+    std::filesystem::copy_file(ownPath(), l_path);
     for (std::size_t l_offset = 0; l_offset != 128; ++l_offset)
     {
         for (const int l_value : {0, 1, 0x7F, 0x80, 0xFF})
         {
             std::string l_damaged = l_whole;
             l_damaged[l_offset] = static_cast<char>(l_value);
-            std::ofstream(l_path, std::ios::binary) << l_damaged;
+            std::fstream(l_path,
+                         std::ios::in | std::ios::out | std::ios::binary)
+                << l_damaged;
             TraceSnapshot l_snapshot;
             if (readSegment(l_path.c_str(), l_snapshot))
             {
