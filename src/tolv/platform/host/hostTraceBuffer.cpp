@@ -9,7 +9,6 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -195,7 +194,8 @@ class Entry
   private:
     static bool isControl(char i_letter)
     {
-        return (i_letter >= 0 && i_letter < ' ') || i_letter == '\x7F';
+        const unsigned char l_code = static_cast<unsigned char>(i_letter);
+        return l_code < ' ' || l_code == 0x7F;
     }
 
     char iv_Line[MAX_ENTRY];
