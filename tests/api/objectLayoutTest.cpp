@@ -1,0 +1,121 @@
+#include "support/objectLayout.hpp"
+
+#include "tolv/tolv.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cstddef>
+
+#include <vector>
+
+using namespace tolv;
+
+// Daemons built against an earlier release hold, derive from and construct
+// these objects: their sizes and the order of their members stay.
+
+namespace
+{
+
+constexpr std::size_t TYPE_POINTER = sizeof(void*);
+
+struct Target
+{
+    void run();
+};
+
+} // namespace
+
+template struct Open<TimeValue, &TimeValue::iv_Seconds,
+                     &TimeValue::iv_MicroSeconds>;
+template struct Open<FunctionRef<Target>, &FunctionRef<Target>::iv_Object,
+                     &FunctionRef<Target>::iv_Method>;
+template struct Open<Function, &Function::iv_Callable>;
+template struct Open<Thread, &Thread::iv_Function, &Thread::iv_Tid,
+                     &Thread::iv_Running, &Thread::iv_Spawns,
+                     &Thread::iv_UserPtr>;
+template struct Open<Error, &Error::iv_Origin, &Error::iv_Reason,
+                     &Error::iv_Position, &Error::iv_Role, &Error::iv_NodeId,
+                     &Error::iv_Errno, &Error::iv_TextLength,
+                     &Error::iv_TraceLength, &Error::iv_Text, &Error::iv_Trace>;
+template struct Open<pError_t, &pError_t::iv_Error>;
+template struct Open<TraceFile, &TraceFile::iv_Stream, &TraceFile::iv_Lock>;
+template struct Open<FunctionTrace, &FunctionTrace::iv_File,
+                     &FunctionTrace::iv_Line, &FunctionTrace::iv_Name,
+                     &FunctionTrace::iv_Stream>;
+template struct Open<DataBuff, &DataBuff::iv_Size, &DataBuff::iv_Offset,
+                     &DataBuff::iv_Data>;
+template struct Open<
+    ThreadPool, &ThreadPool::iv_Threads, &ThreadPool::iv_MinThreads,
+    &ThreadPool::iv_MaxThreads, &ThreadPool::iv_Idle, &ThreadPool::iv_Pending,
+    &ThreadPool::iv_Overflows, &ThreadPool::iv_Shutdown, &ThreadPool::iv_Exited,
+    &ThreadPool::iv_RetireIdle, &ThreadPool::iv_LastBusy,
+    &ThreadPool::iv_LastOverflow, &ThreadPool::iv_Retired, &ThreadPool::iv_Lock,
+    &ThreadPool::iv_Work, &ThreadPool::iv_Done, &ThreadPool::iv_Job,
+    &ThreadPool::iv_Surplus, &ThreadPool::iv_Callers>;
+
+TEST(ObjectLayoutTest, TimeValueIsTwoWords)
+{
+    EXPECT_EQ((std::vector<std::size_t>{0, 4}), memberOffsets<TimeValue>());
+    EXPECT_EQ(8U, sizeof(TimeValue));
+}
+
+TEST(ObjectLayoutTest, FunctionRefIsObjectThenMethod)
+{
+    expectLayout<FunctionRef<Target>>(0);
+}
+
+TEST(ObjectLayoutTest, FunctionIsOnePointer)
+{
+    expectLayout<Function>(0);
+    EXPECT_EQ(sizeof(void*), sizeof(Function));
+}
+
+TEST(ObjectLayoutTest, ThreadKeepsItsOrder)
+{
+    expectLayout<Thread>(0);
+}
+
+TEST(ObjectLayoutTest, ErrorKeepsItsOrder)
+{
+    expectLayout<Error>(TYPE_POINTER);
+}
+
+#if __SIZEOF_POINTER__ == 4
+TEST(ObjectLayoutTest, ErrorLiesInMemoryAsItIsSerialised)
+{
+    EXPECT_EQ((std::vector<std::size_t>{4, 6, 8, 12, 16, 20, 24, 28, 32, 36}),
+              memberOffsets<Error>());
+    EXPECT_EQ(40U, sizeof(Error));
+}
+#endif
+
+TEST(ObjectLayoutTest, ErrorPointerIsOnePointer)
+{
+    expectLayout<pError_t>(0);
+    EXPECT_EQ(sizeof(void*), sizeof(pError_t));
+}
+
+TEST(ObjectLayoutTest, BaseIsOnlyItsTypePointer)
+{
+    EXPECT_EQ(TYPE_POINTER, sizeof(Base));
+}
+
+TEST(ObjectLayoutTest, TraceFileIsStreamThenLock)
+{
+    expectLayout<TraceFile>(0);
+}
+
+TEST(ObjectLayoutTest, FunctionTraceKeepsItsOrder)
+{
+    expectLayout<FunctionTrace>(0);
+}
+
+TEST(ObjectLayoutTest, DataBuffIsSizeOffsetData)
+{
+    expectLayout<DataBuff>(TYPE_POINTER);
+}
+
+TEST(ObjectLayoutTest, ThreadPoolKeepsItsOrder)
+{
+    expectLayout<ThreadPool>(0);
+}

@@ -1,0 +1,47 @@
+#include "support/virtualSlot.hpp"
+
+#include "tolv/tolv.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+
+using namespace tolv;
+
+// Daemons built against an earlier release call and override by slot. The
+// destructor takes two slots; its place follows from that of the others.
+
+namespace
+{
+
+using BuildLogText = pError_t (Base::*)(unsigned char, unsigned short,
+                                        const char*);
+using BuildLogFormat = pError_t (Base::*)(unsigned char, unsigned short, int,
+                                          const char*, ...);
+
+} // namespace
+
+TEST(VirtualSlotTest, FunctionBaseHasDestructorInvokeClone)
+{
+    EXPECT_EQ(2U, virtualSlot(&function_base::invoke));
+    EXPECT_EQ(3U, virtualSlot(&function_base::clone));
+    EXPECT_EQ(4U, virtualSlots<function_base>());
+}
+
+TEST(VirtualSlotTest, BaseHasDestructorAndBothBuildLogs)
+{
+    EXPECT_EQ(2U, virtualSlot(BuildLogText(&Base::BuildLog)));
+    EXPECT_EQ(3U, virtualSlot(BuildLogFormat(&Base::BuildLog)));
+    EXPECT_EQ(4U, virtualSlots<Base>());
+}
+
+TEST(VirtualSlotTest, ErrorHasOnlyItsDestructor)
+{
+    EXPECT_EQ(2U, virtualSlots<Error>());
+}
+
+TEST(VirtualSlotTest, DataBuffAppendsDumpToBase)
+{
+    EXPECT_EQ(4U, virtualSlot(&DataBuff::Dump));
+    EXPECT_EQ(5U, virtualSlots<DataBuff>());
+}
