@@ -20,7 +20,7 @@
 template <class T>
 struct Members
 {
-    friend auto members(Members<T>);
+    friend auto members(Members<T> /*i_of*/);
 };
 
 #pragma GCC diagnostic pop
@@ -34,7 +34,7 @@ struct Members
 template <class T, auto... MEMBERS>
 struct Open
 {
-    friend auto members(Members<T>)
+    friend auto members(Members<T> /*i_of*/)
     {
         return std::make_tuple(MEMBERS...);
     }
@@ -76,6 +76,7 @@ void expectNext(M T::*i_member, std::size_t i_index, std::size_t& io_end)
 {
     const std::size_t l_expected = alignedUp(io_end, alignof(M));
     EXPECT_EQ(l_expected, memberOffset(i_member)) << "member " << i_index;
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): a pointer's own size counts
     io_end = l_expected + sizeof(M);
 }
 
