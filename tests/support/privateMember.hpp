@@ -11,7 +11,7 @@
 template <class Tag, typename Tag::type Member>
 struct PrivateMember
 {
-    friend typename Tag::type get(Tag)
+    friend typename Tag::type get(Tag /*i_of*/)
     {
         return Member;
     }

@@ -110,15 +110,18 @@ class TOLV_NODISCARD TOLV_EXPORT pError_t
 
     pError_t(pError_t& io_other) : iv_Error(io_other.release()) {}
 
-    pError_t(pError_t&& io_other) : iv_Error(io_other.release()) {}
+    pError_t(pError_t&& io_other) noexcept : iv_Error(io_other.release()) {}
 
     pError_t& operator=(pError_t& io_other)
     {
-        reset(io_other.release());
+        if (this != &io_other)
+        {
+            reset(io_other.release());
+        }
         return *this;
     }
 
-    pError_t& operator=(pError_t&& io_other)
+    pError_t& operator=(pError_t&& io_other) noexcept
     {
         reset(io_other.release());
         return *this;

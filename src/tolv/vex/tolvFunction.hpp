@@ -79,6 +79,7 @@ class TOLV_EXPORT Function
     /// Holds a copy of i_ref. Implicit, so that a FunctionRef is passed where
     /// a Function is asked for.
     template <class T, class R>
+    // cppcheck-suppress noExplicitConstructor
     Function(const FunctionRef<T, R>& i_ref) :
         iv_Callable(new function_caller<FunctionRef<T, R>>(i_ref))
     {

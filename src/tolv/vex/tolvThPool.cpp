@@ -182,6 +182,7 @@ void ThreadPool::JoinPool()
     else
     {
         // Not on iv_Work: a caller that takes no runs would swallow wake-ups.
+        // cppcheck-suppress knownConditionTrueFalse ; others set it meanwhile
         while (!iv_Shutdown)
         {
             iv_Surplus.Wait(iv_Lock);

@@ -81,7 +81,7 @@ class TOLV_EXPORT ThreadPool
     void JoinPool() TOLV_EXCLUDES(iv_Lock);
 
   private:
-    typedef std::vector<Thread*> ThreadList;
+    using ThreadList = std::vector<Thread*>;
 
     void workerLoop() TOLV_EXCLUDES(iv_Lock);
     bool waitForRun(bool i_mayRetire) TOLV_REQUIRES(iv_Lock);

@@ -32,7 +32,7 @@ int g_debugDesc = 0;
 // platform's service there is no trace.
 const struct Loaded
 {
-    Loaded()
+    Loaded() noexcept
     {
         TraceBufferInit(&g_TolvTraceDesc, "TOLV", MAIN_BUFFER);
         TraceBufferInit(&g_debugDesc, "TOLV_DBG", DEBUG_BUFFER);
