@@ -107,7 +107,7 @@ int RegistryRead(const char* i_key, void* o_buffer, unsigned int i_size,
                      i_key, static_cast<unsigned char*>(o_buffer));
 }
 
-ErrorLogEntry::ErrorLogEntry()
+ErrorLogEntry::ErrorLogEntry() : iv_Data(nullptr)
 {
     record({"ErrorLogEntry", nullptr, nullptr, this, {}});
 }
@@ -119,7 +119,8 @@ ErrorLogEntry::ErrorLogEntry(unsigned int i_v0, unsigned int i_v1,
                              unsigned int i_v8, unsigned int i_v9,
                              unsigned int i_v10, unsigned int i_v11,
                              unsigned int i_v12, unsigned int i_v13,
-                             unsigned int i_v14)
+                             unsigned int i_v14) :
+    iv_Data(nullptr)
 {
     record({"ErrorLogEntry",
             nullptr,
@@ -127,6 +128,11 @@ ErrorLogEntry::ErrorLogEntry(unsigned int i_v0, unsigned int i_v1,
             this,
             {i_v0, i_v1, i_v2, i_v3, i_v4, i_v5, i_v6, i_v7, i_v8, i_v9, i_v10,
              i_v11, i_v12, i_v13, i_v14}});
+}
+
+ErrorLogEntry::~ErrorLogEntry()
+{
+    record({"~ErrorLogEntry", nullptr, nullptr, this, {}});
 }
 
 void ErrorLogEntry::AddTrace(const char* i_component, unsigned int i_bytes)

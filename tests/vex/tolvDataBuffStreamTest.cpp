@@ -176,6 +176,8 @@ TEST(DataBuffStreamTest, EntryFlattensItselfIntoItsOwnRoom)
     EXPECT_EQ("CCC" + std::string(5, fakePlatform::FLAT_BYTE) + "CC",
               bytesOf(l_buffer));
     EXPECT_EQ(8U, l_buffer.getOffset());
+    EXPECT_TRUE(fakePlatform::callsOf("~ErrorLogEntry").empty())
+        << "the entry is the caller's";
 }
 
 TEST(DataBuffStreamTest, EntryFillsTheBufferExactly)
