@@ -3,7 +3,6 @@
 #include "support/dataBuffBytes.hpp"
 #include "support/expectAbort.hpp"
 #include "support/fakePlatform.hpp"
-#include "support/slotOf.hpp"
 
 #include <gtest/gtest.h>
 
@@ -12,7 +11,6 @@
 #include <cstring>
 
 #include <string>
-#include <type_traits>
 
 using namespace tolv;
 
@@ -352,24 +350,6 @@ TEST(DataBuffTest, DumpPrintsNothing)
     std::fclose(l_stream);
     l_buffer.Dump(nullptr);
     EXPECT_EQ(2U, l_buffer.getOffset());
-}
-
-TEST(DataBuffTest, IsABaseWithDumpAsItsFifthOperation)
-{
-    EXPECT_TRUE((std::is_base_of<Base, DataBuff>::value));
-    EXPECT_EQ(4U, slotOf(&DataBuff::Dump));
-    const DataBuff l_buffer = bufferOf("abc", 2);
-    // Behind the type pointer: size, offset, block.
-    const struct
-    {
-        std::uint32_t size;
-        std::uint32_t offset;
-        const char* data;
-    } l_fields = {3, 2, l_buffer.getData()};
-    ASSERT_EQ(sizeof(void*) + sizeof(l_fields), sizeof(l_buffer));
-    EXPECT_EQ(
-        0, std::memcmp(reinterpret_cast<const char*>(&l_buffer) + sizeof(void*),
-                       &l_fields, sizeof(l_fields)));
 }
 
 TEST(DataBuffDeathTest, OffsetBeyondTheSizeAborts)

@@ -175,21 +175,6 @@ TEST_F(FunctionTraceTest, StreamIsPassedOnToTheInstance)
     std::fclose(l_other);
 }
 
-TEST_F(FunctionTraceTest, FieldsBeginWithTheFileInsideTheCallersPath)
-{
-    static const char s_path[] = "a/b.cpp";
-    const FunctionTrace l_trace(iv_Stream, s_path, 1, "f()", nullptr);
-    const char* const l_base = s_path + 2;
-    const int l_line = 1;
-    const char* l_object = reinterpret_cast<const char*>(&l_trace);
-    EXPECT_EQ(4 * sizeof(void*), sizeof(l_trace));
-    EXPECT_EQ(0, std::memcmp(l_object, &l_base, sizeof(l_base)));
-    EXPECT_EQ(0,
-              std::memcmp(l_object + sizeof(void*), &l_line, sizeof(l_line)));
-    EXPECT_EQ(0, std::memcmp(l_object + 3 * sizeof(void*), &iv_Stream,
-                             sizeof(iv_Stream)));
-}
-
 TEST_F(FunctionTraceDeathTest, PathWithoutASlashIsNotGuarded)
 {
     EXPECT_DEATH(FunctionTrace(iv_Stream, "b.cpp", 1, "f()", nullptr), "");
