@@ -76,14 +76,12 @@ bool parseSequence(const char* i_name, std::uint64_t& o_sequence)
 // What a process was writing when it died.
 bool isLeftOver(const char* i_name)
 {
-    if (!hasPrefix(i_name, NEW_PREFIX))
-    {
-        return false;
-    }
-    const long l_pid =
-        std::strtol(i_name + std::strlen(NEW_PREFIX), nullptr, 10);
-    return l_pid > 0 && l_pid <= INT_MAX &&
-           !isRunning(static_cast<pid_t>(l_pid), 0);
+    int l_pid = 0;
+    int l_used = 0;
+    return hasPrefix(i_name, NEW_PREFIX) &&
+           std::sscanf(i_name + std::strlen(NEW_PREFIX), "%9d.%*u%n", &l_pid,
+                       &l_used) == 1 &&
+           l_used != 0 && l_pid > 0 && !isRunning(l_pid, 0);
 }
 
 // Looks at every name of the folder and removes what dead writers left.
