@@ -5,6 +5,8 @@
 #include <cerrno>
 
 #include <atomic>
+#include <list>
+#include <mutex>
 
 namespace
 {
@@ -14,20 +16,53 @@ std::atomic<time_t> g_lastDeadline(0);
 std::atomic<int> g_timedWaits(0);
 std::atomic<bool> g_timeOutWhenWoken(false);
 
-// How long a wait looks away from the replaced clock, in nanoseconds.
-constexpr long SLICE = 2000000;
-
-timespec realTimeInASlice()
+// The timed waits under way. No polling: a notification between two looks at
+// the clock would be lost.
+struct Wait
 {
-    timespec l_until = {};
-    clock_gettime(CLOCK_REALTIME, &l_until);
-    l_until.tv_nsec += SLICE;
-    if (l_until.tv_nsec >= 1000000000)
+    pthread_cond_t* cond;
+    pthread_mutex_t* mutex;
+    time_t deadline;
+};
+std::mutex g_lock;
+std::list<Wait> g_waits;
+
+// Lists a wait for as long as it lasts.
+class Listed
+{
+  public:
+    explicit Listed(const Wait& i_wait)
     {
-        l_until.tv_nsec -= 1000000000;
-        ++l_until.tv_sec;
+        const std::lock_guard<std::mutex> l_lock(g_lock);
+        iv_Place = g_waits.insert(g_waits.end(), i_wait);
     }
-    return l_until;
+
+    ~Listed()
+    {
+        const std::lock_guard<std::mutex> l_lock(g_lock);
+        g_waits.erase(iv_Place);
+    }
+
+    Listed(const Listed&) = delete;
+    Listed& operator=(const Listed&) = delete;
+
+  private:
+    std::list<Wait>::iterator iv_Place;
+};
+
+std::list<Wait> currentWaits()
+{
+    const std::lock_guard<std::mutex> l_lock(g_lock);
+    return g_waits;
+}
+
+// With its mutex, which a wait holds from its look at the clock until it
+// sleeps. Others on the same condition wake too, as any waiter may.
+void wake(const Wait& i_wait)
+{
+    pthread_mutex_lock(i_wait.mutex);
+    pthread_cond_broadcast(i_wait.cond);
+    pthread_mutex_unlock(i_wait.mutex);
 }
 
 } // namespace
@@ -53,18 +88,15 @@ extern "C"
             return __real_pthread_cond_timedwait(io_cond, io_mutex, i_deadline);
         }
         g_lastDeadline = i_deadline->tv_sec;
+        const Listed l_listed({io_cond, io_mutex, i_deadline->tv_sec});
         ++g_timedWaits;
-        while (g_now < i_deadline->tv_sec)
+        if (g_now >= i_deadline->tv_sec)
         {
-            const timespec l_until = realTimeInASlice();
-            const int l_result =
-                __real_pthread_cond_timedwait(io_cond, io_mutex, &l_until);
-            if (l_result != ETIMEDOUT)
-            {
-                return g_timeOutWhenWoken ? ETIMEDOUT : l_result;
-            }
+            return ETIMEDOUT;
         }
-        return ETIMEDOUT;
+        pthread_cond_wait(io_cond, io_mutex);
+        const bool l_late = g_now >= i_deadline->tv_sec || g_timeOutWhenWoken;
+        return l_late ? ETIMEDOUT : 0;
     }
 }
 
@@ -78,7 +110,14 @@ void start(time_t i_now)
 
 void advance(time_t i_seconds)
 {
-    g_now += i_seconds;
+    const time_t l_now = g_now += i_seconds;
+    for (const Wait& l_wait : currentWaits())
+    {
+        if (l_wait.deadline <= l_now)
+        {
+            wake(l_wait);
+        }
+    }
 }
 
 time_t now()

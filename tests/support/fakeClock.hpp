@@ -13,7 +13,8 @@ namespace fakeClock
 /// Replaces the wall clock by one that stands still at i_now.
 void start(time_t i_now);
 
-/// Moves it; timed waits whose deadline it passes end within milliseconds.
+/// Moves it; timed waits whose deadline it passes end. Their conditions and
+/// mutexes must outlive the call.
 void advance(time_t i_seconds);
 
 time_t now();
