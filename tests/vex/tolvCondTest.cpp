@@ -7,14 +7,18 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <csignal>
 #include <ctime>
 
 #include <atomic>
+#include <functional>
 #include <limits>
 #include <new>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 using namespace tolv;
@@ -23,6 +27,10 @@ namespace
 {
 
 const char* const SOURCE = "tolv/vex/tolvCond";
+
+static_assert(!std::is_copy_constructible<Condition>::value &&
+                  !std::is_copy_assignable<Condition>::value,
+              "waiters know it by its address");
 
 // What the wrapped functions answer instead of doing their work; 0: they work.
 int g_initResult = 0;
@@ -37,6 +45,87 @@ bool g_initAttributesGiven = false;
 std::vector<int> g_timedWaitResults;
 std::vector<timespec> g_deadlines;
 std::atomic<int> g_realTimedWaits(0);
+
+std::atomic<int> g_signals(0);
+
+void countSignals(int i_signal)
+{
+    struct sigaction l_action = {};
+    l_action.sa_handler = [](int) { ++g_signals; };
+    sigaction(i_signal, &l_action, nullptr);
+}
+
+// The clock of a destructor that waits for a waiter to leave: when replaced it
+// stands still and only i_afterPoll, called with the number of the sleep that
+// the destructor has just made, moves it.
+bool g_clockReplaced = false;
+timespec g_clock = {};
+int g_polls = 0;
+std::function<void(int)> g_afterPoll;
+
+void replaceClock(std::function<void(int)> i_afterPoll)
+{
+    g_afterPoll = i_afterPoll;
+    g_clockReplaced = true;
+}
+
+void moveClock(long i_milliSeconds)
+{
+    g_clock.tv_sec += i_milliSeconds / 1000;
+    g_clock.tv_nsec += i_milliSeconds % 1000 * 1000000;
+    g_clock.tv_sec += g_clock.tv_nsec / 1000000000;
+    g_clock.tv_nsec %= 1000000000;
+}
+
+// A thread that waits on a condition, is notified, and cannot leave before its
+// mutex is given back to it.
+class HeldWaiter
+{
+  public:
+    HeldWaiter() : iv_Condition(new Condition), iv_Thread([this] { wait(); })
+    {
+        waitFor(
+            [this]
+            {
+                const MutexLock l_lock(iv_Mutex);
+                return iv_Waiting;
+            });
+    }
+
+    ~HeldWaiter()
+    {
+        iv_Thread.join();
+    }
+
+    void notifyAndHold() TOLV_ACQUIRE(iv_Mutex)
+    {
+        iv_Mutex.Lock();
+        iv_Condition->NotifyAll();
+    }
+
+    void letGo() TOLV_NO_THREAD_SAFETY_ANALYSIS
+    {
+        iv_Mutex.Unlock();
+    }
+
+    void destroyCondition()
+    {
+        delete iv_Condition;
+    }
+
+  private:
+    void wait()
+    {
+        const MutexLock l_lock(iv_Mutex);
+        iv_Waiting = true;
+        iv_Condition->Wait(iv_Mutex);
+    }
+
+    Mutex iv_Mutex;
+    bool iv_Waiting = false; // guarded by iv_Mutex
+    Condition* iv_Condition;
+    std::thread iv_Thread;
+};
 
 timespec deadlineFor(const TimeValue& i_deadline)
 {
@@ -67,6 +156,30 @@ extern "C"
     int __real_pthread_cond_wait(pthread_cond_t*, pthread_mutex_t*);
     int __real_pthread_cond_timedwait(pthread_cond_t*, pthread_mutex_t*,
                                       const timespec*);
+
+    int __real_clock_gettime(clockid_t, timespec*);
+    int __real_nanosleep(const timespec*, timespec*);
+
+    int __wrap_clock_gettime(clockid_t i_clock, timespec* o_now)
+    {
+        if (g_clockReplaced && i_clock == CLOCK_MONOTONIC)
+        {
+            *o_now = g_clock;
+            return 0;
+        }
+        return __real_clock_gettime(i_clock, o_now);
+    }
+
+    int __wrap_nanosleep(const timespec* i_span, timespec* o_left)
+    {
+        if (g_clockReplaced)
+        {
+            g_afterPoll(++g_polls);
+            const timespec l_short = {0, 10000};
+            return __real_nanosleep(&l_short, nullptr);
+        }
+        return __real_nanosleep(i_span, o_left);
+    }
 
     int __wrap_pthread_cond_init(pthread_cond_t* io_cond,
                                  const pthread_condattr_t* i_attributes)
@@ -180,9 +293,7 @@ TEST(ConditionTest, TimedWaitWithADeadlineInThePastTimesOutAtOnce)
 
 TEST(ConditionTest, TimedWaitIsNotEndedByASignal)
 {
-    struct sigaction l_action = {};
-    l_action.sa_handler = [](int) {};
-    sigaction(SIGUSR1, &l_action, nullptr);
+    countSignals(SIGUSR1);
 
     Mutex l_mutex;
     Condition l_condition;
@@ -197,9 +308,10 @@ TEST(ConditionTest, TimedWaitIsNotEndedByASignal)
             l_returned = true;
         });
     ASSERT_TRUE(waitFor([] { return g_realTimedWaits == 1; }));
-    for (int l_count = 0; l_count != 20; ++l_count)
+    for (int l_count = 1; l_count <= 20; ++l_count)
     {
         ASSERT_EQ(0, pthread_kill(l_waiter.native_handle(), SIGUSR1));
+        ASSERT_TRUE(waitFor([&] { return g_signals == l_count; }));
         const MutexLock l_lock(l_mutex);
         EXPECT_FALSE(l_returned);
     }
@@ -311,6 +423,44 @@ TEST(ConditionTest, DestructorLetsANotifiedWaiterLeave)
     l_waiter.join();
 }
 
+TEST(ConditionTest, DestructorGivesALeavingWaiterASecond)
+TOLV_NO_THREAD_SAFETY_ANALYSIS
+{
+    HeldWaiter l_waiter;
+    l_waiter.notifyAndHold();
+    replaceClock(
+        [&](int i_poll)
+        {
+            if (i_poll <= 999)
+            {
+                moveClock(1);
+            }
+            if (i_poll == 999)
+            {
+                l_waiter.letGo();
+            }
+        });
+    l_waiter.destroyCondition();
+    EXPECT_LE(999, g_polls);
+}
+
+TEST(ConditionTest, SignalsDoNotShortenThatSecond)
+TOLV_NO_THREAD_SAFETY_ANALYSIS
+{
+    HeldWaiter l_waiter;
+    l_waiter.notifyAndHold();
+    replaceClock(
+        [&](int i_poll)
+        {
+            if (i_poll == 5000) // each cut short: no time has passed
+            {
+                l_waiter.letGo();
+            }
+        });
+    l_waiter.destroyCondition();
+    EXPECT_LE(5000, g_polls);
+}
+
 TEST(ConditionDeathTest, FailingInitialisationFailsItsAssertion)
 {
     const auto l_construct = []
@@ -355,6 +505,40 @@ TEST(ConditionDeathTest, DestroyingItUnderAWaiterFailsItsAssertion)
             {
                 const MutexLock l_lock(l_mutex);
                 return l_waiting;
+            });
+        replaceClock(
+            [](int i_poll)
+            {
+                moveClock(1);
+                if (i_poll == 1100)
+                {
+                    _exit(1); // it waits too long
+                }
+            });
+        delete l_condition;
+        l_waiter.join();
+    };
+    EXPECT_ASSERTION(l_destroy(), SOURCE, 108, "tolv::Condition::~Condition()",
+                     "false");
+}
+
+TEST(ConditionDeathTest, DestroyingItUnderATimedWaiterFailsItsAssertion)
+{
+    const auto l_destroy = []
+    {
+        Mutex l_mutex;
+        Condition* l_condition = new Condition;
+        std::thread l_waiter(
+            [&]
+            {
+                const MutexLock l_lock(l_mutex);
+                l_condition->TimedWait(l_mutex, inSeconds(60));
+            });
+        waitFor(
+            [&]
+            {
+                const MutexLock l_lock(l_mutex);
+                return g_realTimedWaits == 1;
             });
         delete l_condition;
         l_waiter.join();

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 using namespace tolv;
 
@@ -66,6 +67,46 @@ struct Counted
     int* iv_Living;
 };
 
+// What a Function does with its callable.
+struct Recorded
+{
+    void run() {}
+
+    static std::vector<std::string> s_events;
+};
+
+std::vector<std::string> Recorded::s_events;
+
+} // namespace
+
+namespace tolv
+{
+
+template <>
+class function_caller<FunctionRef<Recorded>> : public function_base
+{
+  public:
+    explicit function_caller(const FunctionRef<Recorded>&) {}
+
+    ~function_caller() override
+    {
+        Recorded::s_events.push_back("deleted");
+    }
+
+    void invoke() override {}
+
+    function_base* clone() const override
+    {
+        Recorded::s_events.push_back("cloned");
+        return new function_caller(*this);
+    }
+};
+
+} // namespace tolv
+
+namespace
+{
+
 Function plainOf(Target& io_target)
 {
     return FunctionRef<Target>(&io_target, &Target::plain);
@@ -121,6 +162,19 @@ TEST(FunctionTest, AssignmentReplacesWhatWasHeld)
     l_function();
     EXPECT_EQ("", l_one.iv_Called);
     EXPECT_EQ("plain ", l_two.iv_Called);
+}
+
+TEST(FunctionTest, AssignmentDeletesItsOwnBeforeItClones)
+{
+    Recorded l_one;
+    Recorded l_two;
+    Function l_function(FunctionRef<Recorded>(&l_one, &Recorded::run));
+    const Function l_other(FunctionRef<Recorded>(&l_two, &Recorded::run));
+    Recorded::s_events.clear();
+    l_function = l_other;
+    ASSERT_EQ(2U, Recorded::s_events.size());
+    EXPECT_EQ("deleted", Recorded::s_events[0]);
+    EXPECT_EQ("cloned", Recorded::s_events[1]);
 }
 
 TEST(FunctionTest, SelfAssignmentKeepsWhatIsHeld)

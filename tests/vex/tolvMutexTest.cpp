@@ -7,6 +7,7 @@
 #include <cerrno>
 
 #include <thread>
+#include <type_traits>
 
 using namespace tolv;
 
@@ -14,6 +15,16 @@ namespace
 {
 
 const char* const SOURCE = "tolv/vex/tolvMutex";
+
+template <class T>
+constexpr bool isCopyable()
+{
+    return std::is_copy_constructible<T>::value ||
+           std::is_copy_assignable<T>::value;
+}
+
+static_assert(!isCopyable<Mutex>(), "a copy would be another lock");
+static_assert(!isCopyable<MutexLock>(), "a copy would unlock twice");
 
 // What the wrapped functions answer instead of doing their work; 0: they work.
 int g_initResult = 0;

@@ -1,6 +1,7 @@
 #include "tolv/vex/tolvThread.hpp"
 
 #include "support/assertion.hpp"
+#include "support/privateMember.hpp"
 #include "support/waitFor.hpp"
 
 #include <gtest/gtest.h>
@@ -9,6 +10,7 @@
 #include <stdexcept>
 
 #include <atomic>
+#include <type_traits>
 
 using namespace tolv;
 
@@ -20,6 +22,9 @@ const char* const SOURCE = "tolv/vex/tolvThread";
 // What the wrapped functions answer instead of doing their work; 0: they work.
 int g_createResult = 0;
 int g_joinResult = 0;
+
+std::atomic<int> g_exits(0);
+std::atomic<void*> g_exitValue(&g_exits);
 
 std::atomic<int> g_creates(0);
 std::atomic<int> g_joins(0);
@@ -69,15 +74,67 @@ struct Suicide
 
     Thread* iv_Thread = nullptr;
     int iv_Runs = 0;
+    int iv_Deleted = 0; // callables that were deleted while they ran
 };
 
 } // namespace
+
+// Sees whether it is deleted while it runs.
+template <>
+class tolv::function_caller<FunctionRef<Suicide>> : public function_base
+{
+  public:
+    explicit function_caller(const FunctionRef<Suicide>&) {}
+
+    ~function_caller() override
+    {
+        s_Job->iv_Deleted += iv_Running ? 1 : 0;
+    }
+
+    void invoke() override
+    {
+        iv_Running = true;
+        s_Job->run();
+        // Touches the object, if the job deleted it or not.
+        if (s_Job->iv_Deleted == 0)
+        {
+            iv_Running = false;
+        }
+    }
+
+    function_base* clone() const override
+    {
+        return new function_caller(*this);
+    }
+
+    static Suicide* s_Job;
+
+  private:
+    bool iv_Running = false;
+};
+
+Suicide* function_caller<FunctionRef<Suicide>>::s_Job = nullptr;
+
+TOLV_PRIVATE_MEMBER(Running, Thread, bool, iv_Running);
+TOLV_PRIVATE_MEMBER(Spawns, Thread, bool, iv_Spawns);
+
+static_assert(!std::is_copy_constructible<Thread>::value &&
+                  !std::is_copy_assignable<Thread>::value,
+              "a copy would be joined twice");
 
 extern "C"
 {
     int __real_pthread_create(pthread_t*, const pthread_attr_t*,
                               void* (*)(void*), void*);
     int __real_pthread_join(pthread_t, void**);
+    [[noreturn]] void __real_pthread_exit(void*);
+
+    [[noreturn]] void __wrap_pthread_exit(void* i_value)
+    {
+        ++g_exits;
+        g_exitValue = i_value;
+        __real_pthread_exit(i_value);
+    }
 
     int __wrap_pthread_create(pthread_t* o_tid,
                               const pthread_attr_t* i_attributes,
@@ -108,6 +165,33 @@ TEST(ThreadTest, RunsTheFunctionOnAThreadOfItsOwn)
     EXPECT_EQ(1, l_job.iv_Runs);
     EXPECT_FALSE(pthread_equal(pthread_self(), l_job.iv_Tid));
     EXPECT_TRUE(pthread_equal(l_thread.getTid(), l_job.iv_Tid));
+}
+
+TEST(ThreadTest, LeavesThroughPthreadExitAfterTheFunction)
+{
+    Job l_job;
+    Thread l_thread(l_job.function());
+    l_thread.Start();
+    l_thread.Join();
+    EXPECT_EQ(1, g_exits);
+    EXPECT_EQ(nullptr, g_exitValue);
+}
+
+TEST(ThreadTest, IsRunningFromStartToJoinAndTheCallingThreadAlways)
+{
+    Job l_job;
+    Thread l_spawning(l_job.function());
+    EXPECT_FALSE(l_spawning.*get(Running()));
+    EXPECT_TRUE(l_spawning.*get(Spawns()));
+    l_spawning.Start();
+    EXPECT_TRUE(l_spawning.*get(Running()));
+    l_spawning.Join();
+    EXPECT_FALSE(l_spawning.*get(Running()));
+    Thread l_calling;
+    EXPECT_TRUE(l_calling.*get(Running()));
+    EXPECT_FALSE(l_calling.*get(Spawns()));
+    l_calling.Join();
+    EXPECT_TRUE(l_calling.*get(Running()));
 }
 
 TEST(ThreadTest, UsesDefaultAttributes)
@@ -202,9 +286,11 @@ TEST(ThreadTest, CallingThreadRunsAGivenFunctionInline)
 TEST(ThreadTest, CallingThreadFormMayBeDestroyedWhileItsFunctionRuns)
 {
     Suicide l_job;
+    function_caller<FunctionRef<Suicide>>::s_Job = &l_job;
     l_job.iv_Thread = new Thread;
     l_job.iv_Thread->Start(FunctionRef<Suicide>(&l_job, &Suicide::run));
     EXPECT_EQ(1, l_job.iv_Runs);
+    EXPECT_EQ(0, l_job.iv_Deleted);
 }
 
 TEST(ThreadTest, GivenFunctionReplacesThatOfAThreadNotYetRunning)

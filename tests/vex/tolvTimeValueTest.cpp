@@ -1,11 +1,14 @@
 #include "tolv/vex/tolvTimeValue.hpp"
 
+#include "tolv/vex/tolvTimeBase.hpp"
+
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <ctime>
 
-#include <set>
+#include <algorithm>
+#include <atomic>
 #include <thread>
 #include <vector>
 
@@ -104,6 +107,22 @@ TEST(TimeValueTest, TimeBaseOfManyYearsConverts)
               TimeValue::fromTimeBase(4000000000U * TIME_BASE_HZ));
 }
 
+TEST(TimeValueTest, TimeBaseIsReadAgainWhenItsHighHalfMoves)
+{
+    const std::uint32_t l_halves[] = {1, 0xFFFFFFFF, 2, 2, 0, 2};
+    std::size_t l_reads = 0;
+    const auto l_read = [&] { return l_halves[l_reads++]; };
+    EXPECT_EQ(std::uint64_t(2) << 32, readTimeBase(l_read, l_read));
+    EXPECT_EQ(6U, l_reads);
+}
+
+TEST(TimeValueTest, TimeBaseHasBothHalves)
+{
+    const auto l_high = [] { return 0x12345678U; };
+    const auto l_low = [] { return 0x9ABCDEF0U; };
+    EXPECT_EQ(0x123456789ABCDEF0U, readTimeBase(l_high, l_low));
+}
+
 #if !defined(__powerpc__) || defined(__powerpc64__)
 TEST(TimeValueTest, UptimeIsTheMonotonicClock)
 {
@@ -147,6 +166,14 @@ TEST(TimeValueTest, AbsoluteTimeSaturates)
     TimeValue l_wraps(0xFFFFFFFFU - 1700000000U + 1, 7);
     l_wraps.ConvertToAbsolute();
     EXPECT_EQ(TimeValue(0xFFFFFFFFU, 7), l_wraps);
+    g_wallClock = -5; // time_t of 32 bits after 2038
+    TimeValue l_stillPast(3, 7);
+    l_stillPast.ConvertToAbsolute();
+    EXPECT_EQ(TimeValue(0, 7), l_stillPast);
+    TimeValue l_ahead(30, 7);
+    l_ahead.ConvertToAbsolute();
+    EXPECT_EQ(TimeValue(25, 7), l_ahead);
+    g_wallClock = 1700000000;
     TimeValue l_largest(0xFFFFFFFFU, 7);
     l_largest.ConvertToAbsolute();
     EXPECT_EQ(TimeValue(0xFFFFFFFFU, 7), l_largest);
@@ -161,22 +188,27 @@ TEST(IdentifierTest, CountsFromOne)
 
 TEST(IdentifierTest, ThreadsNeverGetTheSameValue)
 {
-    constexpr std::size_t EACH = 10000;
-    std::vector<std::uint32_t> l_first;
-    std::vector<std::uint32_t> l_second;
-    const auto l_draw = [](std::vector<std::uint32_t>& o_values)
+    constexpr std::size_t EACH = 500000;
+    std::atomic<int> l_ready(0);
+    const auto l_draw = [&](std::vector<std::uint32_t>& o_values)
     {
-        for (std::size_t l_count = 0; l_count != EACH; ++l_count)
+        ++l_ready;
+        while (l_ready != 2)
         {
-            o_values.push_back(nextIdentifier());
+        }
+        for (std::uint32_t& l_value : o_values)
+        {
+            l_value = nextIdentifier();
         }
     };
+    std::vector<std::uint32_t> l_all(EACH);
+    std::vector<std::uint32_t> l_second(EACH);
     std::thread l_other([&] { l_draw(l_second); });
-    l_draw(l_first);
+    l_draw(l_all);
     l_other.join();
-    std::set<std::uint32_t> l_all(l_first.begin(), l_first.end());
-    l_all.insert(l_second.begin(), l_second.end());
-    EXPECT_EQ(2 * EACH, l_all.size());
-    EXPECT_EQ(1U, *l_all.begin());
-    EXPECT_EQ(2 * EACH, *l_all.rbegin());
+    l_all.insert(l_all.end(), l_second.begin(), l_second.end());
+    std::sort(l_all.begin(), l_all.end());
+    EXPECT_EQ(l_all.end(), std::adjacent_find(l_all.begin(), l_all.end()));
+    EXPECT_EQ(1U, l_all.front());
+    EXPECT_EQ(2 * EACH, l_all.back());
 }

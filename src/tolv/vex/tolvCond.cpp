@@ -16,9 +16,17 @@ namespace
 
 const char* const SOURCE = "tolv/vex/tolvCond";
 
-// How long the destructor waits for waiters that are leaving.
-constexpr int LEAVE_POLLS = 1000;
+// How long the destructor gives waiters that are leaving, in nanoseconds, and
+// how often it looks.
+constexpr std::int64_t LEAVE_LIMIT = 1000000000;
 constexpr timespec LEAVE_POLL = {0, 1000000};
+
+std::int64_t monotonicNanoSeconds()
+{
+    timespec l_now = {};
+    clock_gettime(CLOCK_MONOTONIC, &l_now);
+    return std::int64_t(l_now.tv_sec) * 1000000000 + l_now.tv_nsec;
+}
 
 // Counts the calling thread as a waiter. Leaving is its last touch of the
 // condition, which may be destroyed right afterwards.
@@ -74,14 +82,14 @@ Condition::Condition() : iv_Cond(), iv_Waiters(0)
 Condition::~Condition()
 {
     // The C library would wait for a forgotten waiter for ever.
-    for (int l_polls = 0; iv_Waiters.load(std::memory_order_acquire) != 0;
-         ++l_polls)
+    const std::int64_t l_limit = monotonicNanoSeconds() + LEAVE_LIMIT;
+    while (iv_Waiters.load(std::memory_order_acquire) != 0)
     {
-        if (l_polls == LEAVE_POLLS)
+        if (monotonicNanoSeconds() > l_limit)
         {
             assertFailed("false", SOURCE, 108, "tolv::Condition::~Condition()");
         }
-        nanosleep(&LEAVE_POLL, nullptr);
+        nanosleep(&LEAVE_POLL, nullptr); // a signal only makes it look earlier
     }
     if (pthread_cond_destroy(&iv_Cond) != 0)
     {

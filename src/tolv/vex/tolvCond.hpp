@@ -19,15 +19,17 @@ class TimeValue;
 ///
 /// Errors:  a failing POSIX call is a programming fault and ends the process
 ///          with an assertion.
-/// Threads: any. A waiter that was notified may still be on its way out when
-///          the condition is destroyed; one that stays longer than a second is
-///          a programming fault and ends the process.
+/// Threads: any; all threads that wait at one time pass the same mutex. A
+///          waiter that was notified may still be on its way out when the
+///          condition is destroyed; one that stays longer than a second is a
+///          programming fault and ends the process.
 class TOLV_EXPORT Condition
 {
   public:
     Condition();
 
-    /// Blocks: up to a second for waiters that are leaving.
+    /// Blocks: up to a second for waiters that are leaving. They need their
+    ///         mutex for that: never destroy with it held.
     ~Condition();
     Condition(const Condition&) = delete;
     Condition& operator=(const Condition&) = delete;

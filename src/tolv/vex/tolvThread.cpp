@@ -108,8 +108,8 @@ pthread_t Thread::getTid() const
     return iv_Tid;
 }
 
-// Neither this nor anything it calls is noexcept or catches everything: the
-// unwinding that pthread_exit() begins would end the process there.
+// Not noexcept, and nothing here catches everything: the unwinding that
+// pthread_exit() begins would end the process there.
 void* Thread::entry(void* i_thread)
 {
     Thread* l_self = static_cast<Thread*>(i_thread);

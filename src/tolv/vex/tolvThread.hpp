@@ -13,8 +13,9 @@ namespace tolv
 /// A POSIX thread that runs a Function, or a stand-in for the calling thread.
 ///
 /// Errors:  a thread that cannot be created or joined is a programming fault
-///          and ends the process with an assertion; so does an exception that
-///          leaves the function on a thread of its own.
+///          and ends the process with an assertion. An exception that leaves
+///          the function ends the process on a thread of its own; in the form
+///          for the calling thread Start() passes it on.
 /// Threads: not locked; started, joined and destroyed by its owner, one
 ///          operation at a time.
 class TOLV_EXPORT Thread
@@ -27,7 +28,8 @@ class TOLV_EXPORT Thread
     /// attributes; Start() begins it.
     explicit Thread(Function i_function);
 
-    /// Blocks: until the thread has ended when it has one of its own.
+    /// Blocks: until the thread has ended when it has one of its own; then
+    ///         never from its own function.
     ~Thread();
     Thread(const Thread&) = delete;
     Thread& operator=(const Thread&) = delete;
@@ -45,8 +47,9 @@ class TOLV_EXPORT Thread
     /// thread of its own is already running.
     void Start(Function i_function);
 
-    /// Blocks: until the thread of its own has ended; returns at once when
-    ///         there is none or it was joined before.
+    /// Blocks: until the thread of its own has ended, so never from its own
+    ///         function; returns at once when there is none or it was joined
+    ///         before.
     void Join();
 
     /// A value that belongs to the caller, null at first.
@@ -54,7 +57,7 @@ class TOLV_EXPORT Thread
     void* getUserPtr() const;
 
     /// The calling thread in the form that stands for it, else the thread that
-    /// Start() created.
+    /// Start() created: zero before that, and stale after Join().
     pthread_t getTid() const;
 
   private:

@@ -1,7 +1,10 @@
 #include "tolv/vex/tolvTimeValue.hpp"
 
+#include "tolv/vex/tolvTimeBase.hpp"
+
 #include <ctime>
 
+#include <algorithm>
 #include <atomic>
 #include <limits>
 
@@ -19,25 +22,23 @@ static_assert(TIME_BASE_HZ <=
 
 #if defined(__powerpc__) && !defined(__powerpc64__)
 
-// The register has 64 bits but is read in halves: the low half may run over
-// between the two reads, which shows in a changed high half.
-std::uint64_t readTimeBase()
+std::uint32_t readHigh()
 {
-    std::uint32_t l_high = 0;
-    std::uint32_t l_low = 0;
-    std::uint32_t l_highAgain = 0;
-    do
-    {
-        __asm__ volatile("mftbu %0" : "=r"(l_high));
-        __asm__ volatile("mftb %0" : "=r"(l_low));
-        __asm__ volatile("mftbu %0" : "=r"(l_highAgain));
-    } while (l_high != l_highAgain);
-    return (static_cast<std::uint64_t>(l_high) << 32) | l_low;
+    std::uint32_t l_half = 0;
+    __asm__ volatile("mftbu %0" : "=r"(l_half));
+    return l_half;
+}
+
+std::uint32_t readLow()
+{
+    std::uint32_t l_half = 0;
+    __asm__ volatile("mftb %0" : "=r"(l_half));
+    return l_half;
 }
 
 tolv::TimeValue readUptime()
 {
-    return tolv::TimeValue::fromTimeBase(readTimeBase());
+    return tolv::TimeValue::fromTimeBase(tolv::readTimeBase(readHigh, readLow));
 }
 
 #else
@@ -79,12 +80,16 @@ TimeValue TimeValue::fromTimeBase(std::uint64_t i_ticks)
                                    TIME_BASE_HZ));
 }
 
+// Deliberate: the wall clock, and whole seconds of it.
+// Effect: a wait of n seconds lasts between n-1 and n seconds, because the
+// current second has already begun; a step of the wall clock moves its end.
+// Pinned by: TimeValueTest.AbsoluteTimeAddsTheWallClockToTheSecondsOnly
 void TimeValue::ConvertToAbsolute()
 {
-    constexpr std::uint64_t LAST = std::numeric_limits<std::uint32_t>::max();
-    const std::uint64_t l_sum =
-        static_cast<std::uint64_t>(time(nullptr)) + iv_Seconds;
-    iv_Seconds = static_cast<std::uint32_t>(l_sum < LAST ? l_sum : LAST);
+    constexpr std::int64_t LAST = std::numeric_limits<std::uint32_t>::max();
+    const std::int64_t l_sum = std::int64_t(time(nullptr)) + iv_Seconds;
+    iv_Seconds =
+        static_cast<std::uint32_t>(std::clamp<std::int64_t>(l_sum, 0, LAST));
 }
 
 std::uint32_t nextIdentifier()
