@@ -25,6 +25,8 @@ struct Target
 
 } // namespace
 
+template struct Open<Mutex, &Mutex::iv_Mutex>;
+template struct Open<Condition, &Condition::iv_Cond, &Condition::iv_Waiters>;
 template struct Open<TimeValue, &TimeValue::iv_Seconds,
                      &TimeValue::iv_MicroSeconds>;
 template struct Open<FunctionRef<Target>, &FunctionRef<Target>::iv_Object,
@@ -57,6 +59,17 @@ TEST(ObjectLayoutTest, TimeValueIsTwoWords)
 {
     EXPECT_EQ((std::vector<std::size_t>{0, 4}), memberOffsets<TimeValue>());
     EXPECT_EQ(8U, sizeof(TimeValue));
+}
+
+TEST(ObjectLayoutTest, MutexIsThatOfPosix)
+{
+    expectLayout<Mutex>(0);
+    EXPECT_EQ(sizeof(pthread_mutex_t), sizeof(Mutex));
+}
+
+TEST(ObjectLayoutTest, ConditionIsThatOfPosixThenItsWaiters)
+{
+    expectLayout<Condition>(0);
 }
 
 TEST(ObjectLayoutTest, FunctionRefIsObjectThenMethod)

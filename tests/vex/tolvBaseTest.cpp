@@ -250,6 +250,11 @@ TEST_F(BaseTest, ErrorsAreBuiltOnManyThreadsAtOnce)
 {
     constexpr int THREADS = 4;
     constexpr int ROUNDS = 100;
+    fakePlatform::g_RegistryRead = [](const std::string&, unsigned char* o_byte)
+    {
+        ++*o_byte;
+        return 0;
+    };
     const auto l_build = [this](int i_number)
     {
         for (int l_round = 0; l_round != ROUNDS; ++l_round)
@@ -260,6 +265,9 @@ TEST_F(BaseTest, ErrorsAreBuiltOnManyThreadsAtOnce)
             ASSERT_TRUE(l_error);
             ASSERT_EQ(i_number, errno);
             ASSERT_EQ(i_number, l_error->getErrno());
+            ASSERT_EQ(1U, l_error->getPosition());
+            ASSERT_EQ(2U, l_error->getRole());
+            ASSERT_EQ(3U, l_error->getNodeId());
             ASSERT_EQ(std::to_string(l_round) + " of " +
                           std::to_string(i_number),
                       l_error->getText());

@@ -141,7 +141,9 @@ int fillTenBytes(unsigned char* o_buffer)
 TEST_F(ErrorTest, DefaultIsZeroThroughout)
 {
     errno = EPIPE;
-    const Error l_error;
+    alignas(Error) unsigned char l_memory[sizeof(Error)];
+    std::memset(l_memory, 0xA5, sizeof(l_memory));
+    const Error& l_error = *new (l_memory) Error;
     EXPECT_EQ(0, l_error.getOrigin());
     EXPECT_EQ(0, l_error.getReason());
     EXPECT_EQ(0U, l_error.getPosition());
@@ -244,6 +246,18 @@ TEST_F(ErrorTest, RegistryByteIsZeroOnlyBeforeTheFirstRead)
     EXPECT_EQ(1U, l_error.getPosition());
     EXPECT_EQ(2U, l_error.getRole());
     EXPECT_EQ(3U, l_error.getNodeId());
+}
+
+TEST_F(ErrorTest, RegistryByteIsZeroAgainForTheNextError)
+{
+    fakePlatform::g_RegistryRead = answerEach;
+    const Error l_first(1, 2, "abc");
+    EXPECT_EQ(255U, l_first.getNodeId());
+    fakePlatform::g_RegistryRead = nullptr;
+    const Error l_second(1, 2, "abc");
+    EXPECT_EQ(0U, l_second.getPosition());
+    EXPECT_EQ(0U, l_second.getRole());
+    EXPECT_EQ(0U, l_second.getNodeId());
 }
 
 TEST_F(ErrorTest, ResultOfARegistryReadIsIgnored)

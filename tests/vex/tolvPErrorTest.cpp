@@ -170,6 +170,12 @@ TEST_F(PErrorTest, ResetDeletesAndTakes)
     EXPECT_EQ(0, CountedError::s_alive);
 }
 
+TEST_F(PErrorTest, TakesAndTellsOnlyWhenAsked)
+{
+    EXPECT_FALSE((std::is_convertible<Error*, pError_t>::value));
+    EXPECT_FALSE((std::is_convertible<pError_t, bool>::value));
+}
+
 TEST_F(PErrorTest, IsNotCopiedFromAConstant)
 {
     EXPECT_FALSE((std::is_constructible<pError_t, const pError_t&>::value));

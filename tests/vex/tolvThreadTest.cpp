@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <type_traits>
+#include <vector>
 
 using namespace tolv;
 
@@ -114,6 +115,13 @@ class tolv::function_caller<FunctionRef<Suicide>> : public function_base
 };
 
 Suicide* function_caller<FunctionRef<Suicide>>::s_Job = nullptr;
+
+struct CurrentThread
+{
+    typedef Thread* (*type)();
+    friend type get(CurrentThread);
+};
+template struct PrivateMember<CurrentThread, &Thread::current>;
 
 TOLV_PRIVATE_MEMBER(Running, Thread, bool, iv_Running);
 TOLV_PRIVATE_MEMBER(Spawns, Thread, bool, iv_Spawns);
@@ -317,6 +325,45 @@ TEST(ThreadTest, GivenFunctionDoesNotDisturbARunningThread)
     EXPECT_EQ(1, g_creates);
     EXPECT_EQ(1, l_first.iv_Runs);
     EXPECT_EQ(0, l_second.iv_Runs);
+}
+
+namespace
+{
+
+// Notes the current thread, around a nested one of depth 1 less.
+struct Nest
+{
+    void run()
+    {
+        iv_Before.push_back(get(CurrentThread())());
+        if (iv_Before.size() == 1)
+        {
+            Thread l_inner;
+            iv_Inner = &l_inner;
+            l_inner.Start(FunctionRef<Nest>(this, &Nest::run));
+        }
+        iv_After.push_back(get(CurrentThread())());
+    }
+
+    std::vector<Thread*> iv_Before;
+    std::vector<Thread*> iv_After;
+    Thread* iv_Inner = nullptr;
+};
+
+} // namespace
+
+TEST(ThreadTest, CurrentOneIsTheInnermost)
+{
+    EXPECT_EQ(nullptr, get(CurrentThread())());
+    Nest l_nest;
+    Thread l_outer(FunctionRef<Nest>(&l_nest, &Nest::run));
+    l_outer.Start();
+    l_outer.Join();
+    EXPECT_EQ((std::vector<Thread*>{&l_outer, l_nest.iv_Inner}),
+              l_nest.iv_Before);
+    EXPECT_EQ((std::vector<Thread*>{l_nest.iv_Inner, &l_outer}),
+              l_nest.iv_After);
+    EXPECT_EQ(nullptr, get(CurrentThread())());
 }
 
 TEST(ThreadTest, UserPointerIsTheCallers)

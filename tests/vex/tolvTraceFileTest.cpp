@@ -3,6 +3,7 @@
 #include "support/fakeUptime.hpp"
 #include "support/streamContent.hpp"
 #include "support/tempDir.hpp"
+#include "support/waitFor.hpp"
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -22,6 +23,7 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <mutex>
 #include <set>
@@ -53,6 +55,8 @@ bool g_failOpen = false;
 bool g_failStream = false;
 std::vector<int> g_lockings; // types given to __fsetlocking()
 thread_local int t_locks = 0;
+std::atomic<int> g_locks(0);       // of all threads
+std::function<void()> g_onOpening; // called before a file is opened
 
 int openElsewhere(const char* i_path, int i_flags, mode_t i_mode,
                   int (*i_open)(const char*, int, ...))
@@ -61,6 +65,10 @@ int openElsewhere(const char* i_path, int i_flags, mode_t i_mode,
     if (l_path.rfind(FOLDER, 0) != 0)
     {
         return i_open(i_path, i_flags, i_mode);
+    }
+    if (g_onOpening)
+    {
+        g_onOpening();
     }
     int l_result = -1;
     if (g_failOpen)
@@ -122,6 +130,7 @@ extern "C"
     int __wrap_pthread_mutex_lock(pthread_mutex_t* io_mutex)
     {
         ++t_locks;
+        ++g_locks;
         return __real_pthread_mutex_lock(io_mutex);
     }
 }
@@ -207,6 +216,10 @@ TEST_F(TraceFileTest, RacingThreadsGetOneInstance)
     std::atomic<int> l_ready(0);
     std::mutex l_lock;
     std::set<TraceFile*> l_instances;
+    // The first one lets all others come as far as the instance's lock.
+    const int l_before = g_locks;
+    g_onOpening = [&]
+    { EXPECT_TRUE(waitFor([&] { return g_locks >= l_before + THREADS; })); };
     std::vector<std::thread> l_threads;
     for (int l_number = 0; l_number != THREADS; ++l_number)
     {
@@ -229,6 +242,68 @@ TEST_F(TraceFileTest, RacingThreadsGetOneInstance)
     }
     EXPECT_EQ(1U, l_instances.size());
     EXPECT_EQ(1U, g_openings.size());
+}
+
+TEST_F(TraceFileTest, ThreadThatFindsTheInstanceFindsItWhole)
+{
+    // Nothing but the instance's pointer orders the two threads.
+    std::atomic<bool> l_made(false);
+    std::thread l_maker(
+        [&]
+        {
+            TraceFile::getInstance();
+            l_made.store(true, std::memory_order_relaxed);
+        });
+    while (!l_made.load(std::memory_order_relaxed))
+    {
+        std::this_thread::yield();
+    }
+    TraceFile::getInstance()->Printf("a/b.cpp", 1, "%s", "found");
+    l_maker.join();
+    EXPECT_EQ(traceHeader("b.cpp", 1) + "found\n", own());
+}
+
+TEST_F(TraceFileTest, ExitDoesNotWaitForAThreadThatOpensTheFile)
+{
+    const auto l_exit = []
+    {
+        std::atomic<bool> l_opening(false);
+        g_onOpening = [&]
+        {
+            l_opening = true;
+            pause();
+        };
+        std::thread([] { TraceFile::getInstance(); }).detach();
+        waitFor([&] { return l_opening.load(); });
+        exit(0);
+    };
+    EXPECT_EXIT(l_exit(), testing::ExitedWithCode(0), "");
+}
+
+TEST_F(TraceFileTest, LeavesErrno)
+{
+    g_failOpen = true;
+    errno = 104;
+    TraceFile::getInstance();
+    EXPECT_EQ(104, errno);
+}
+
+TEST_F(TraceFileTest, WritesLeaveErrnoAndMayShowIt)
+{
+    errno = 104;
+    FILE* l_full = fopen("/dev/full", "w"); // every flush fails
+    ASSERT_NE(nullptr, l_full);
+    setvbuf(l_full, nullptr, _IONBF, 0);
+    TraceFile::getInstance(l_full)->Printf("a/b.cpp", 1, "%s", "text");
+    EXPECT_EQ(104, errno);
+    TraceFile::getInstance()->HexDump("a/b.cpp", 1, "text", "data", 4);
+    EXPECT_EQ(104, errno);
+    {
+        const FunctionTrace l_trace(nullptr, "a/b.cpp", 1, "f()", nullptr);
+        EXPECT_EQ(104, errno);
+    }
+    EXPECT_EQ(104, errno);
+    fclose(l_full);
 }
 
 TEST_F(TraceFileTest, WithoutAStreamTheFileOfTheProcessIsOpenedOnFirstUse)

@@ -22,7 +22,8 @@ TOLV_EXPORT int TraceBufferInit(int* o_descriptor, const char* i_name,
 /// them first, and fills the rest of o_buffer with zeros.
 ///
 /// Units:   i_size, bytes.
-/// Returns: bytes copied, or -1 with errno and o_buffer untouched.
+/// Returns: bytes copied, or -1 with errno and o_buffer untouched. A null
+///          o_buffer (the caller's memory was short) gives -1 as well.
 /// Threads: any. errno is left unchanged on success.
 TOLV_EXPORT int TraceBufferReadDiff(const char* i_name, unsigned int i_size,
                                     void* o_buffer);

@@ -14,6 +14,7 @@ namespace tolv
 /// Callers build an error where an operation fails and return it at once; no
 /// layer prints, traces or commits it on the way up.
 ///
+/// Blocks:  as making an Error does.
 /// Threads: any; neither operation has state. errno is left unchanged.
 class TOLV_EXPORT Base
 {

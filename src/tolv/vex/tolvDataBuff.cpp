@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include <limits>
+#include <new>
 
 namespace
 {
@@ -23,6 +24,17 @@ void requireInside(std::uint64_t i_at, std::uint64_t i_length,
     {
         std::abort();
     }
+}
+
+// What could not be allocated ends the process, as a block does.
+template <class T>
+T* required(T* i_object)
+{
+    if (i_object == nullptr)
+    {
+        std::abort();
+    }
+    return i_object;
 }
 
 // An empty block may be a null pointer, which the C functions do not take.
@@ -87,12 +99,7 @@ void DataBuff::reallocate(unsigned int i_size)
     }
     else
     {
-        char* l_data = static_cast<char*>(std::realloc(iv_Data, i_size));
-        if (l_data == nullptr)
-        {
-            std::abort();
-        }
-        iv_Data = l_data;
+        iv_Data = static_cast<char*>(required(std::realloc(iv_Data, i_size)));
     }
     iv_Size = i_size;
 }
@@ -199,7 +206,8 @@ DataBuff& DataBuff::operator<<(pError_t i_error)
 
 DataBuff& DataBuff::operator>>(pError_t& io_error)
 {
-    io_error.reset(new Error(iv_Data + iv_Offset, room()));
+    io_error.reset(required(new (std::nothrow) Error));
+    io_error->unflatten(iv_Data + iv_Offset, room());
     iv_Offset += static_cast<unsigned int>(io_error->getSize());
     return *this;
 }
@@ -223,7 +231,7 @@ DataBuff& DataBuff::operator>>(ErrorLogEntry*& io_entry)
     {
         std::abort();
     }
-    io_entry = new ErrorLogEntry;
+    io_entry = required(new (std::nothrow) ErrorLogEntry);
     if (!io_entry->unflatten(iv_Data + iv_Offset, room()))
     {
         std::abort();

@@ -51,6 +51,40 @@ void putBlock(unsigned char* o_image, const void* i_block, std::size_t i_length)
     }
 }
 
+// Null for no text. Only the string itself is taken from the text: a short one
+// with a long length must not carry foreign bytes along. The byte behind the
+// block ends a text that came without its NUL.
+char* copyText(const unsigned char* i_image, std::uint32_t i_length)
+{
+    if (i_length == 0)
+    {
+        return nullptr;
+    }
+    char* l_text =
+        static_cast<char*>(std::calloc(std::size_t(i_length) + 1, 1));
+    if (l_text != nullptr)
+    {
+        const char* l_string = reinterpret_cast<const char*>(i_image);
+        std::memcpy(l_text, l_string, strnlen(l_string, i_length));
+    }
+    return l_text;
+}
+
+// Null for no block.
+unsigned char* copyBlock(const unsigned char* i_image, std::uint32_t i_length)
+{
+    if (i_length == 0)
+    {
+        return nullptr;
+    }
+    void* l_block = std::malloc(i_length);
+    if (l_block != nullptr)
+    {
+        std::memcpy(l_block, i_image, i_length);
+    }
+    return static_cast<unsigned char*>(l_block);
+}
+
 } // namespace
 
 namespace tolv
@@ -205,37 +239,20 @@ void Error::unflatten(const void* i_image, std::size_t i_room)
         std::abort();
     }
 
-    freeBlocks();
     fetch(l_image, OFF_ORIGIN, iv_Origin);
     fetch(l_image, OFF_REASON, iv_Reason);
     fetch(l_image, OFF_POSITION, iv_Position);
     fetch(l_image, OFF_ROLE, iv_Role);
     fetch(l_image, OFF_NODE_ID, iv_NodeId);
     fetch(l_image, OFF_ERRNO, iv_Errno);
+    char* l_text = copyText(l_image + FIXED_PART, l_textLength);
+    unsigned char* l_trace =
+        copyBlock(l_image + FIXED_PART + l_textLength, l_traceLength);
+    freeBlocks(); // only now: the image may lie in one of them
+    iv_Text = l_text;
+    iv_Trace = l_trace;
     iv_TextLength = l_textLength;
     iv_TraceLength = l_traceLength;
-    l_image += FIXED_PART;
-    if (l_textLength != 0)
-    {
-        // Only the string itself is taken from the text: a short one with a
-        // long length must not carry foreign bytes along. The byte behind the
-        // block ends a text that came without its NUL.
-        iv_Text =
-            static_cast<char*>(std::calloc(std::size_t(l_textLength) + 1, 1));
-        if (iv_Text != nullptr)
-        {
-            const char* l_text = reinterpret_cast<const char*>(l_image);
-            std::memcpy(iv_Text, l_text, strnlen(l_text, l_textLength));
-        }
-    }
-    if (l_traceLength != 0)
-    {
-        iv_Trace = static_cast<unsigned char*>(std::malloc(l_traceLength));
-        if (iv_Trace != nullptr)
-        {
-            std::memcpy(iv_Trace, l_image + l_textLength, l_traceLength);
-        }
-    }
 }
 
 pError_t::~pError_t()

@@ -13,7 +13,11 @@ namespace tolv
 /// One failure: who reported it and why, the node's identity, errno, a message
 /// and a snapshot of the library's trace buffer.
 ///
-/// Threads: one thread at a time; independent objects on any threads.
+/// A text or trace that memory was short for is null although its length is
+/// not 0; it is serialised as zeros.
+///
+/// Threads: one thread at a time; independent objects on any threads. Never
+///          made in a signal handler.
 class TOLV_EXPORT Error
 {
   public:
@@ -26,6 +30,8 @@ class TOLV_EXPORT Error
     /// read repeats the one before it, the first one is 0) and the newest 1024
     /// bytes of the trace buffer "TOLV". errno is recorded and left unchanged.
     ///
+    /// Blocks:    for the platform's four reads, on stock Linux of small files
+    ///            and of memory.
     /// Ownership: i_text is copied; null means no text.
     Error(unsigned char i_origin, unsigned short i_reason, const char* i_text);
 
@@ -73,8 +79,9 @@ class TOLV_EXPORT Error
     /// Becomes what a serialised form says; earlier content is freed. A text
     /// whose string is shorter than its length is filled up with zeros.
     ///
-    /// Errors: an image that does not fit i_room ends the process with
-    ///         abort(); no byte beyond i_room is touched.
+    /// Errors:    an image that does not fit i_room ends the process with
+    ///            abort(); no byte beyond i_room is touched.
+    /// Ownership: i_image is copied; it may lie in this object's own blocks.
     void unflatten(const void* i_image, std::size_t i_room);
 
   private:

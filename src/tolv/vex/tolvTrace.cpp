@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <cctype>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdint>
 #include <cstring>
@@ -157,7 +158,8 @@ void dumpLine(FILE* o_stream, const unsigned char* i_bytes, std::size_t i_count)
 namespace tolv
 {
 
-// Holds the file's lock, has written the header, and flushes at its end. With
+// Holds the file's lock, has written the header, flushes at its end, and leaves
+// errno as it was. With
 // no stream it does nothing and its user writes nothing.
 //
 // Deliberate: the microseconds have blanks behind, not zeros in front.
@@ -167,7 +169,7 @@ class TraceFile::Line
 {
   public:
     Line(TraceFile& io_file, const char* i_base, int i_line) :
-        iv_Hold(*io_file.iv_Lock), iv_Stream(io_file.iv_Stream)
+        iv_Errno(errno), iv_Hold(*io_file.iv_Lock), iv_Stream(io_file.iv_Stream)
     {
         if (iv_Stream != nullptr)
         {
@@ -176,6 +178,7 @@ class TraceFile::Line
                     l_now.getMicroSeconds(),
                     static_cast<unsigned int>(getpid()), i_base, i_line);
         }
+        errno = iv_Errno; // the text may show it
     }
 
     ~Line()
@@ -184,6 +187,7 @@ class TraceFile::Line
         {
             fflush(iv_Stream);
         }
+        errno = iv_Errno;
     }
 
     Line(const Line&) = delete;
@@ -195,6 +199,7 @@ class TraceFile::Line
     }
 
   private:
+    const int iv_Errno; // the caller's
     const MutexLock iv_Hold;
     FILE* const iv_Stream;
 };
@@ -214,8 +219,10 @@ TraceFile* TraceFile::getInstance(FILE* i_stream)
         l_instance = g_instance.load(std::memory_order_relaxed);
         if (l_instance == nullptr)
         {
+            const int l_errno = errno;
             l_instance = new TraceFile(i_stream);
             g_instance.store(l_instance, std::memory_order_release);
+            errno = l_errno;
         }
     }
     return l_instance;

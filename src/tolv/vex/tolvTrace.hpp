@@ -24,7 +24,11 @@ class Mutex;
 /// and the base name of i_path and i_line (pass __FILE__ and __LINE__).
 ///
 /// Errors:  when the file cannot be opened every write is silently skipped.
-/// Threads: any; lines and dumps of different threads never interleave.
+///          errno is left unchanged.
+/// Blocks:  while the file's storage does, and while another thread writes.
+/// Threads: any; lines and dumps of different threads never interleave. A
+///          child of fork() goes on in its parent's file, so a daemon makes
+///          the first call after it has detached.
 class TOLV_EXPORT TraceFile
 {
   public:
@@ -76,8 +80,9 @@ class TOLV_EXPORT FunctionTrace
     /// i_stream is passed on to TraceFile::getInstance(). i_path MUST contain
     /// a "/": what stands after the last one is printed, and its absence is
     /// not tested. i_prettyFunction, as from __PRETTY_FUNCTION__, gives the
-    /// name: what stands between the first blank and the first "(". i_format
-    /// is null where no arguments are shown.
+    /// name: what stands between the first blank and the first "(", or before
+    /// the "(" when no blank is; all of it when that is nothing or there is no
+    /// "(". i_format is null where no arguments are shown.
     ///
     /// Ownership: i_path stays the caller's and lives as long as the object.
     FunctionTrace(FILE* i_stream, const char* i_path, int i_line,
