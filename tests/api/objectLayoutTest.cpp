@@ -53,7 +53,8 @@ template struct Open<
     &ThreadPool::iv_RetireIdle, &ThreadPool::iv_LastBusy,
     &ThreadPool::iv_LastOverflow, &ThreadPool::iv_Retired, &ThreadPool::iv_Lock,
     &ThreadPool::iv_Work, &ThreadPool::iv_Done, &ThreadPool::iv_Job,
-    &ThreadPool::iv_Surplus, &ThreadPool::iv_Callers>;
+    &ThreadPool::iv_Surplus, &ThreadPool::iv_Callers, &ThreadPool::iv_Run,
+    &ThreadPool::iv_Joining>;
 
 TEST(ObjectLayoutTest, TimeValueIsTwoWords)
 {

@@ -34,11 +34,15 @@ TOLV_PRIVATE_MEMBER(RetireIdle, ThreadPool, bool, iv_RetireIdle);
 TOLV_PRIVATE_MEMBER(LastBusy, ThreadPool, time_t, iv_LastBusy);
 TOLV_PRIVATE_MEMBER(LastOverflow, ThreadPool, time_t, iv_LastOverflow);
 TOLV_PRIVATE_MEMBER(Lock, ThreadPool, Mutex, iv_Lock);
+TOLV_PRIVATE_MEMBER(Done, ThreadPool, Condition, iv_Done);
 
 namespace
 {
 
 constexpr time_t NOON = 1700000000;
+
+std::atomic<int> g_signals(0);    // calls of pthread_cond_signal()
+std::atomic<int> g_broadcasts(0); // calls of pthread_cond_broadcast()
 
 // A job whose runs are held up until they are let go one by one.
 class Gate
@@ -167,6 +171,24 @@ class ThreadPoolTest : public testing::Test
 
 } // namespace
 
+extern "C"
+{
+    int __real_pthread_cond_signal(pthread_cond_t*);
+    int __real_pthread_cond_broadcast(pthread_cond_t*);
+
+    int __wrap_pthread_cond_signal(pthread_cond_t* io_cond)
+    {
+        ++g_signals;
+        return __real_pthread_cond_signal(io_cond);
+    }
+
+    int __wrap_pthread_cond_broadcast(pthread_cond_t* io_cond)
+    {
+        ++g_broadcasts;
+        return __real_pthread_cond_broadcast(io_cond);
+    }
+}
+
 TEST_F(ThreadPoolTest, IsEmptyBeforeItIsStarted)
 {
     EXPECT_EQ(0U, iv_Pool.getPoolDepth());
@@ -246,6 +268,19 @@ TEST_F(ThreadPoolTest, EachDispatchRunsTheJobOnce)
     EXPECT_EQ(100, iv_Gate.begun());
 }
 
+TEST_F(ThreadPoolTest, EachDispatchWakesOneWorkerAtMost)
+{
+    startUp(2, 3);
+    dispatch(2);
+    EXPECT_EQ(2, g_signals);
+    ASSERT_TRUE(waitForBegun(2));
+    dispatch(1); // the new worker takes the run itself
+    ASSERT_TRUE(waitForBegun(3));
+    dispatch(1); // nobody is idle
+    EXPECT_EQ(2, g_signals);
+    EXPECT_EQ(0, g_broadcasts);
+}
+
 TEST_F(ThreadPoolTest, IdleWorkersTakeRunsBeforeThePoolGrows)
 {
     startUp(2, 4);
@@ -315,6 +350,7 @@ TEST_F(ThreadPoolTest, SpareWorkersRetireDownToTheMinimum)
     startUp(1, 4);
     growTo(3);
     ASSERT_TRUE(waitForTimedWaits(3));
+    EXPECT_EQ(NOON + 900, fakeClock::lastDeadline());
     fakeClock::advance(901);
     EXPECT_TRUE(waitForDepth(1));
     EXPECT_TRUE(waitForValue(Idle(), 1U));
@@ -539,6 +575,44 @@ TEST_F(ThreadPoolTest, CanBeStartedAgainAfterAShutdown)
     EXPECT_TRUE(waitForBegun(1));
 }
 
+TEST_F(ThreadPoolTest, StartUpAfterAShutdownForgetsTheOverflows)
+{
+    fakeClock::start(NOON);
+    startUp(1, 1);
+    dispatch(2);
+    ASSERT_TRUE(waitForBegun(1));
+    dispatch(1);
+    ASSERT_LT(0U, value(Overflows()));
+    iv_Gate.open();
+    ASSERT_TRUE(waitForEnded(3));
+    EXPECT_FALSE(iv_Pool.Shutdown(60));
+    EXPECT_TRUE(startUp(2, 2));
+    EXPECT_EQ(0U, value(Overflows()));
+    EXPECT_EQ(0, value(LastOverflow()));
+    EXPECT_EQ(0, value(LastBusy()));
+}
+
+TEST_F(ThreadPoolTest, DeadlineOfAShutdownDoesNotMove)
+{
+    fakeClock::start(NOON);
+    startUp(1, 1);
+    dispatch(1);
+    ASSERT_TRUE(waitForBegun(1));
+    const int l_waits = fakeClock::timedWaits();
+    std::thread l_clock(
+        [&]
+        {
+            EXPECT_TRUE(waitForTimedWaits(l_waits + 1));
+            fakeClock::advance(30);
+            (iv_Pool.*get(Done())).NotifyAll(); // a look, nobody has left
+            EXPECT_TRUE(waitForTimedWaits(l_waits + 2));
+            EXPECT_EQ(NOON + 40, fakeClock::lastDeadline());
+            fakeClock::advance(10);
+        });
+    EXPECT_TRUE(iv_Pool.Shutdown(40));
+    l_clock.join();
+}
+
 TEST_F(ThreadPoolTest, SecondShutdownFromAnotherThreadAlsoReturns)
 {
     startUp(1, 1);
@@ -652,6 +726,59 @@ TEST_F(ThreadPoolTest, CallerOfAPoolWithoutThreadsIsLetGoByShutdown)
     EXPECT_TRUE(waitFor([&] { return l_joiner.left(); }));
 }
 
+TEST_F(ThreadPoolTest, LastCallerToLeaveEndsEveryShutdown)
+{
+    fakeClock::start(NOON); // stands still: nobody times out
+    startUp(0, 1);
+    const Joiner l_joiner(iv_Pool);
+    ASSERT_TRUE(waitForDepth(1));
+    dispatch(1);
+    ASSERT_TRUE(waitForBegun(1));
+    std::thread l_first([&] { EXPECT_FALSE(iv_Pool.Shutdown(60)); });
+    std::thread l_second([&] { EXPECT_FALSE(iv_Pool.Shutdown(60)); });
+    EXPECT_TRUE(waitForTimedWaits(2));
+    iv_Gate.open();
+    l_first.join();
+    l_second.join();
+}
+
+TEST_F(ThreadPoolTest, StartUpIsRefusedUntilAShutdownHasSeenTheCallersLeave)
+{
+    std::thread l_surplus([&] { iv_Pool.JoinPool(); });
+    ASSERT_TRUE(waitForValue(Callers(), 1U));
+    {
+        // The caller cannot leave while the lock is held; the flag is set as
+        // a shutdown that has just timed out leaves it.
+        Mutex& l_mutex = iv_Pool.*get(Lock());
+        const MutexLock l_lock(l_mutex);
+        iv_Pool.*get(ShutdownFlag()) = true;
+    }
+    EXPECT_FALSE(startUp(1, 1));
+    EXPECT_FALSE(iv_Pool.Shutdown(60));
+    l_surplus.join();
+    EXPECT_TRUE(startUp(1, 1));
+}
+
+TEST_F(ThreadPoolTest, ShutdownThatAnotherOneOvertookIsNoTimeOut)
+{
+    // The first to get the lock stops the pool and starts it again before the
+    // second has looked.
+    for (int l_round = 0; l_round != 100; ++l_round)
+    {
+        ThreadPool l_pool;
+        Gate l_gate;
+        l_pool.StartUp(1, 1, l_gate.function(), true);
+        const auto l_restart = [&]
+        {
+            EXPECT_FALSE(l_pool.Shutdown(5));
+            l_pool.StartUp(1, 1, l_gate.function(), true);
+        };
+        std::thread l_other(l_restart);
+        l_restart();
+        l_other.join();
+    }
+}
+
 TEST_F(ThreadPoolTest, JoinPoolReturnsAtOnceAfterAShutdown)
 {
     startUp(1, 2);
@@ -709,11 +836,123 @@ TEST(ThreadPoolNestedTest, WorkerThatJoinsItsOwnPoolDoesNotRetireTwice)
         1, 3, FunctionRef<NestedJoin>(&l_nested, &NestedJoin::run), true);
     l_nested.iv_Pool.Dispatch();
     ASSERT_TRUE(waitFor([&] { return l_nested.iv_Pool.getPoolDepth() == 2; }));
+    // The inner one is a joined caller, which waits without a limit, although
+    // the outer one, a worker of the pool, has the same POSIX thread.
+    const int l_waits = fakeClock::timedWaits();
     l_nested.iv_Pool.Dispatch();
     ASSERT_TRUE(waitFor([&] { return l_nested.iv_Runs == 2; }));
-    // Made as a joined caller the inner worker waits without a limit.
+    ASSERT_TRUE(waitFor(
+        [&]
+        {
+            Mutex& l_mutex = l_nested.iv_Pool.*get(Lock());
+            const MutexLock l_lock(l_mutex);
+            return l_nested.iv_Pool.*get(Idle()) == 1;
+        }));
+    EXPECT_EQ(l_waits, fakeClock::timedWaits());
     EXPECT_FALSE(l_nested.iv_Pool.Shutdown(60));
     EXPECT_EQ(1, l_nested.iv_Returns);
+}
+
+namespace
+{
+
+// Does in the destructor of a thread-local object what a thread does last.
+class LastWords
+{
+  public:
+    ~LastWords()
+    {
+        if (iv_Pool != nullptr)
+        {
+            s_begun = true;
+            waitFor([] { return s_allowed.load(); });
+            iv_Pool->getPoolDepth();
+            ++s_spoken;
+        }
+    }
+
+    void use(ThreadPool& io_pool)
+    {
+        iv_Pool = &io_pool;
+    }
+
+    static std::atomic<bool> s_begun;
+    static std::atomic<bool> s_allowed;
+    static std::atomic<int> s_spoken;
+
+  private:
+    ThreadPool* iv_Pool = nullptr;
+};
+
+std::atomic<bool> LastWords::s_begun(false);
+std::atomic<bool> LastWords::s_allowed(true);
+std::atomic<int> LastWords::s_spoken(0);
+
+struct Speaker
+{
+    void run()
+    {
+        static thread_local LastWords t_words;
+        t_words.use(iv_Pool);
+        ++iv_Runs;
+        waitFor([this] { return !iv_Hold; });
+    }
+
+    ThreadPool iv_Pool;
+    std::atomic<int> iv_Runs{0};
+    std::atomic<bool> iv_Hold{false};
+
+    Function function()
+    {
+        return FunctionRef<Speaker>(this, &Speaker::run);
+    }
+};
+
+} // namespace
+
+TEST(ThreadPoolJoinTest, ShutdownJoinsWithoutTheLock)
+{
+    Speaker l_speaker;
+    l_speaker.iv_Pool.StartUp(1, 1, l_speaker.function(), true);
+    l_speaker.iv_Pool.Dispatch();
+    ASSERT_TRUE(waitFor([&] { return l_speaker.iv_Runs == 1; }));
+    EXPECT_FALSE(l_speaker.iv_Pool.Shutdown(60));
+    EXPECT_EQ(1, LastWords::s_spoken);
+}
+
+TEST(ThreadPoolJoinTest, DispatchJoinsRetiredThreadsWithoutTheLock)
+{
+    fakeClock::start(NOON);
+    Speaker l_speaker;
+    l_speaker.iv_Hold = true;
+    l_speaker.iv_Pool.StartUp(1, 2, l_speaker.function(), true);
+    l_speaker.iv_Pool.Dispatch();
+    ASSERT_TRUE(waitFor([&] { return l_speaker.iv_Runs == 1; }));
+    l_speaker.iv_Pool.Dispatch();
+    ASSERT_TRUE(waitFor([&] { return l_speaker.iv_Runs == 2; }));
+    l_speaker.iv_Hold = false;
+    ASSERT_TRUE(waitForTimedWaits(2));
+    fakeClock::advance(901);
+    ASSERT_TRUE(waitFor([&] { return l_speaker.iv_Pool.getPoolDepth() == 1; }));
+    l_speaker.iv_Pool.Dispatch();
+    EXPECT_EQ(1, LastWords::s_spoken);
+}
+
+TEST(ThreadPoolJoinTest, SecondShutdownReturnsOnlyWhenTheFirstHasJoined)
+{
+    LastWords::s_allowed = false;
+    Speaker l_speaker;
+    l_speaker.iv_Pool.StartUp(1, 1, l_speaker.function(), true);
+    l_speaker.iv_Pool.Dispatch();
+    ASSERT_TRUE(waitFor([&] { return l_speaker.iv_Runs == 1; }));
+    std::thread l_first([&] { EXPECT_FALSE(l_speaker.iv_Pool.Shutdown(60)); });
+    ASSERT_TRUE(waitFor([] { return LastWords::s_begun.load(); }));
+    ASSERT_TRUE(waitFor([&] { return l_speaker.iv_Pool.getPoolDepth() == 0; }));
+    EXPECT_TRUE(l_speaker.iv_Pool.Shutdown(0)); // still one to be joined
+    LastWords::s_allowed = true;
+    EXPECT_FALSE(l_speaker.iv_Pool.Shutdown(60));
+    EXPECT_EQ(1, LastWords::s_spoken);
+    l_first.join();
 }
 
 namespace

@@ -27,17 +27,6 @@ tolv::TimeValue secondsFromNow(unsigned int i_seconds)
     return l_deadline;
 }
 
-// Joins what runs on a thread of its own; so without the pool's lock, which a
-// leaving worker may still be about to release.
-void deleteAll(std::vector<tolv::Thread*>& io_threads)
-{
-    for (tolv::Thread* l_thread : io_threads)
-    {
-        delete l_thread;
-    }
-    io_threads.clear();
-}
-
 // An exception that left the job would leave the pool's counts wrong: it ends
 // the process here, on a joined caller's thread as well as on a worker.
 void run(tolv::Function& io_job) noexcept
@@ -54,7 +43,7 @@ ThreadPool::ThreadPool() :
     iv_Threads(), iv_MinThreads(0), iv_MaxThreads(0), iv_Idle(0), iv_Pending(0),
     iv_Overflows(0), iv_Shutdown(false), iv_Exited(0), iv_RetireIdle(true),
     iv_LastBusy(0), iv_LastOverflow(0), iv_Retired(), iv_Lock(), iv_Work(),
-    iv_Done(), iv_Job(), iv_Surplus(), iv_Callers(0)
+    iv_Done(), iv_Job(), iv_Surplus(), iv_Callers(0), iv_Run(0), iv_Joining(0)
 {
 }
 
@@ -71,7 +60,7 @@ bool ThreadPool::StartUp(unsigned int i_min, unsigned int i_max, Function i_job,
                          bool i_retireIdle)
 {
     const MutexLock l_lock(iv_Lock);
-    if (!iv_Threads.empty())
+    if (!iv_Threads.empty() || (iv_Shutdown && iv_Callers != 0))
     {
         return false;
     }
@@ -83,6 +72,7 @@ bool ThreadPool::StartUp(unsigned int i_min, unsigned int i_max, Function i_job,
     iv_Exited = 0;
     iv_Job = i_job;
     iv_RetireIdle = i_retireIdle;
+    ++iv_Run;
     iv_LastBusy = 0;
     iv_LastOverflow = 0;
     setIdle(i_min);
@@ -118,9 +108,9 @@ void ThreadPool::Dispatch()
             ++iv_Overflows;
             iv_LastOverflow = time(nullptr);
         }
-        l_retired.swap(iv_Retired);
+        takeRetired(l_retired);
     }
-    deleteAll(l_retired);
+    join(l_retired);
 }
 
 unsigned int ThreadPool::getPoolDepth() const
@@ -133,30 +123,29 @@ bool ThreadPool::Shutdown(unsigned int i_seconds)
 {
     bool l_timedOut = false;
     ThreadList l_stopped;
-    ThreadList l_retired;
     {
         const MutexLock l_lock(iv_Lock);
-        if (!iv_Threads.empty() || iv_Callers != 0)
+        if (!iv_Threads.empty() || iv_Callers != 0 || iv_Joining != 0)
         {
             iv_Shutdown = true;
             iv_Work.NotifyAll();
             iv_Surplus.NotifyAll();
+            const std::uint32_t l_run = iv_Run;
             const TimeValue l_deadline = secondsFromNow(i_seconds);
-            while (!allLeft() && !l_timedOut)
+            while (!isStopped(l_run) && !l_timedOut)
             {
                 l_timedOut = iv_Done.TimedWait(iv_Lock, l_deadline);
             }
             // The last one may have left between the time-out and the lock.
-            l_timedOut = !allLeft();
-            if (!l_timedOut)
+            l_timedOut = !isStopped(l_run);
+            if (!l_timedOut && iv_Run == l_run)
             {
                 l_stopped.swap(iv_Threads);
             }
         }
-        l_retired.swap(iv_Retired);
+        takeRetired(l_stopped);
     }
-    deleteAll(l_stopped);
-    deleteAll(l_retired);
+    join(l_stopped);
     return l_timedOut;
 }
 
@@ -175,7 +164,7 @@ void ThreadPool::JoinPool()
         iv_Threads.push_back(l_self);
         setIdle(iv_Idle + 1);
         iv_Lock.Unlock();
-        // Shutdown() deletes the object while this still runs.
+        // iv_Callers keeps the object until this thread is back.
         l_self->Start(FunctionRef<ThreadPool>(this, &ThreadPool::workerLoop));
         iv_Lock.Lock();
     }
@@ -295,6 +284,41 @@ void ThreadPool::setIdle(std::uint32_t i_idle)
 bool ThreadPool::allLeft() const
 {
     return iv_Exited >= iv_Threads.size() && iv_Callers == 0;
+}
+
+// A StartUp() that began the next run was let in because run i_run had been
+// stopped, maybe by another Shutdown().
+bool ThreadPool::isStopped(std::uint32_t i_run) const
+{
+    return (allLeft() || iv_Run != i_run) && iv_Joining == 0;
+}
+
+// Whoever takes threads has to join() them.
+void ThreadPool::takeRetired(ThreadList& io_threads)
+{
+    io_threads.insert(io_threads.end(), iv_Retired.begin(), iv_Retired.end());
+    iv_Retired.clear();
+    if (!io_threads.empty())
+    {
+        ++iv_Joining;
+    }
+}
+
+// Without the lock: what a thread does last, in the destructors of its
+// thread-local objects, may use the pool.
+void ThreadPool::join(const ThreadList& i_threads)
+{
+    if (i_threads.empty())
+    {
+        return;
+    }
+    for (Thread* l_thread : i_threads)
+    {
+        delete l_thread;
+    }
+    const MutexLock l_lock(iv_Lock);
+    --iv_Joining;
+    iv_Done.NotifyAll();
 }
 
 } // namespace tolv

@@ -50,7 +50,10 @@ class TOLV_EXPORT ThreadPool
     ///
     /// i_retireIdle: whether workers may retire.
     ///
-    /// Returns: false, with nothing changed, when the pool has threads.
+    /// Returns:   false, with nothing changed, when the pool has threads, or a
+    ///            shutdown has yet to see them or a caller of JoinPool() leave.
+    /// Ownership: i_job is copied; what it refers to stays the caller's and
+    ///            lives until Shutdown() has returned false.
     bool StartUp(unsigned int i_min, unsigned int i_max, Function i_job,
                  bool i_retireIdle) TOLV_EXCLUDES(iv_Lock);
 
@@ -64,7 +67,8 @@ class TOLV_EXPORT ThreadPool
     unsigned int getPoolDepth() const TOLV_EXCLUDES(iv_Lock);
 
     /// Stops all workers and joins them and sends callers out of JoinPool().
-    /// Runs still pending are never made.
+    /// Runs still pending are never made. A pool without threads and callers
+    /// is left as it is.
     ///
     /// Units:   i_seconds, whole seconds, bounds the whole wait; 0 only looks.
     ///          The wait ends on the wall clock, up to a second early.
@@ -74,8 +78,8 @@ class TOLV_EXPORT ThreadPool
     ///          waits for its own thread.
     bool Shutdown(unsigned int i_seconds) TOLV_EXCLUDES(iv_Lock);
 
-    /// Makes the calling thread a worker that never retires; when the pool is
-    /// at its maximum the thread just waits.
+    /// Makes the calling thread a worker that never retires. When the pool is
+    /// at its maximum, or was never started, the thread just waits.
     ///
     /// Blocks: until a shutdown; returns at once when one has begun.
     void JoinPool() TOLV_EXCLUDES(iv_Lock);
@@ -92,6 +96,9 @@ class TOLV_EXPORT ThreadPool
     void spawn() TOLV_REQUIRES(iv_Lock);
     void setIdle(std::uint32_t i_idle) TOLV_REQUIRES(iv_Lock);
     bool allLeft() const TOLV_REQUIRES(iv_Lock);
+    bool isStopped(std::uint32_t i_run) const TOLV_REQUIRES(iv_Lock);
+    void takeRetired(ThreadList& io_threads) TOLV_REQUIRES(iv_Lock);
+    void join(const ThreadList& i_threads) TOLV_EXCLUDES(iv_Lock);
 
     // Declared order is the object layout: append only.
     ThreadList iv_Threads TOLV_GUARDED_BY(iv_Lock);       // owned
@@ -112,6 +119,8 @@ class TOLV_EXPORT ThreadPool
     Function iv_Job;      // constant while there are threads
     Condition iv_Surplus; // callers that found the pool at its maximum
     std::uint32_t iv_Callers TOLV_GUARDED_BY(iv_Lock); // inside JoinPool()
+    std::uint32_t iv_Run TOLV_GUARDED_BY(iv_Lock);     // StartUp()s so far
+    std::uint32_t iv_Joining TOLV_GUARDED_BY(iv_Lock); // threads inside join()
 };
 
 } // namespace tolv
