@@ -1,5 +1,6 @@
 #include "tolv/platform/errorLogEntry.hpp"
 
+#include "support/environment.hpp"
 #include "support/tempDir.hpp"
 #include "tolv/platform/traceBuffer.hpp"
 
@@ -17,12 +18,13 @@
 bool g_memoryIsShort = false;
 
 // The platform asks for memory in this way only.
-void* operator new(std::size_t i_size, const std::nothrow_t&) noexcept
+void* operator new(std::size_t i_size, const std::nothrow_t& /*i_tag*/) noexcept
 {
     return g_memoryIsShort ? nullptr : ::operator new(i_size);
 }
 
-void* operator new[](std::size_t i_size, const std::nothrow_t&) noexcept
+void* operator new[](std::size_t i_size,
+                     const std::nothrow_t& /*i_tag*/) noexcept
 {
     return g_memoryIsShort ? nullptr : ::operator new[](i_size);
 }
@@ -33,32 +35,36 @@ namespace
 using Bytes = std::vector<unsigned char>;
 
 // A committed entry with one trace, made byte by byte with other tools.
-const Bytes GOLDEN = {
-    0x54, 0x4F, 0x4C, 0x45,                         // magic
-    0x00, 0x01, 0x00, 0x01,                         // version, flags
-    0x00, 0x00, 0x00, 0x97,                         // length
-    0x12, 0x34, 0x56, 0x78,                         // severity
-    0x00, 0x00, 0x00, 0x01, 0x65, 0xA0, 0xBC, 0x42, // seconds
-    0x3B, 0x9A, 0xC9, 0xFF,                         // nanoseconds
-    0x00, 0x00, 0x44, 0x00, 0x00, 0x00, 0x44, 0x01, // fifteen values
-    0x00, 0x00, 0x44, 0x02, 0x00, 0x00, 0x44, 0x03, //
-    0x00, 0x00, 0x44, 0x04, 0x00, 0x00, 0x44, 0x05, //
-    0x00, 0x00, 0x44, 0x06, 0x00, 0x00, 0x44, 0x07, //
-    0x00, 0x00, 0x44, 0x08, 0x00, 0x00, 0x44, 0x09, //
-    0x00, 0x00, 0x44, 0x0A, 0x00, 0x00, 0x44, 0x0B, //
-    0x00, 0x00, 0x44, 0x0C, 0x00, 0x00, 0x44, 0x0D, //
-    0xFF, 0xFF, 0xFF, 0xFF,                         //
-    0x00, 0x00, 0x44, 0x00, 0x00, 0x00, 0x00, 0x00, // commit
-    0x00, 0x00, 0x00, 0xFF, 0x00, 0x00, 0x00, 0x00, //
-    0x00, 0x00, 0x00, 0x01,                         // traces
-    0x54, 0x4F, 0x4C, 0x56, 0x00, 0x00, 0x00, 0x00, // component
-    0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, //
-    0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, //
-    0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, //
-    0x00, 0x00, 0x00, 0x03, 0x61, 0x62, 0x0A,       // its trace
-    0x68, 0x17, 0xA6, 0x85};                        // CRC-32
+const Bytes& golden()
+{
+    static const Bytes s_golden = {
+        0x54, 0x4F, 0x4C, 0x45,                         // magic
+        0x00, 0x01, 0x00, 0x01,                         // version, flags
+        0x00, 0x00, 0x00, 0x97,                         // length
+        0x12, 0x34, 0x56, 0x78,                         // severity
+        0x00, 0x00, 0x00, 0x01, 0x65, 0xA0, 0xBC, 0x42, // seconds
+        0x3B, 0x9A, 0xC9, 0xFF,                         // nanoseconds
+        0x00, 0x00, 0x44, 0x00, 0x00, 0x00, 0x44, 0x01, // fifteen values
+        0x00, 0x00, 0x44, 0x02, 0x00, 0x00, 0x44, 0x03, //
+        0x00, 0x00, 0x44, 0x04, 0x00, 0x00, 0x44, 0x05, //
+        0x00, 0x00, 0x44, 0x06, 0x00, 0x00, 0x44, 0x07, //
+        0x00, 0x00, 0x44, 0x08, 0x00, 0x00, 0x44, 0x09, //
+        0x00, 0x00, 0x44, 0x0A, 0x00, 0x00, 0x44, 0x0B, //
+        0x00, 0x00, 0x44, 0x0C, 0x00, 0x00, 0x44, 0x0D, //
+        0xFF, 0xFF, 0xFF, 0xFF,                         //
+        0x00, 0x00, 0x44, 0x00, 0x00, 0x00, 0x00, 0x00, // commit
+        0x00, 0x00, 0x00, 0xFF, 0x00, 0x00, 0x00, 0x00, //
+        0x00, 0x00, 0x00, 0x01,                         // traces
+        0x54, 0x4F, 0x4C, 0x56, 0x00, 0x00, 0x00, 0x00, // component
+        0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, //
+        0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, //
+        0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, //
+        0x00, 0x00, 0x00, 0x03, 0x61, 0x62, 0x0A,       // its trace
+        0x68, 0x17, 0xA6, 0x85};
+    return s_golden;
+}
 
-// Offsets of fields in GOLDEN.
+// Offsets of its fields.
 constexpr std::size_t VERSION = 4;
 constexpr std::size_t FLAGS = 6;
 constexpr std::size_t LENGTH = 8;
@@ -117,7 +123,7 @@ class ErrorLogEntryTest : public testing::Test
   protected:
     ErrorLogEntryTest()
     {
-        setenv("TOLV_TRACE_DIR", iv_Folder.path().c_str(), 1);
+        setVariable("TOLV_TRACE_DIR", iv_Folder.path());
     }
 
     const TempDir iv_Folder;
@@ -166,7 +172,7 @@ TEST_F(ErrorLogEntryTest, TimeIsThatOfConstruction)
 TEST_F(ErrorLogEntryTest, FlatFormIsTheDocumentedOne)
 {
     ErrorLogEntry l_entry;
-    ASSERT_TRUE(l_entry.unflatten(GOLDEN.data(), 151));
+    ASSERT_TRUE(l_entry.unflatten(golden().data(), 151));
     EXPECT_EQ(0x12345678U, l_entry.getSeverity());
     EXPECT_EQ(0x165A0BC42, l_entry.getTime());
     EXPECT_EQ(999999999U, l_entry.getNanoSeconds());
@@ -183,7 +189,7 @@ TEST_F(ErrorLogEntryTest, FlatFormIsTheDocumentedOne)
     EXPECT_STREQ("TOLV", l_entry.getTraceComponent(0));
     ASSERT_EQ(3U, l_entry.getTraceLength(0));
     EXPECT_EQ(0, std::memcmp("ab\n", l_entry.getTrace(0), 3));
-    EXPECT_EQ(GOLDEN, flat(l_entry));
+    EXPECT_EQ(golden(), flat(l_entry));
 }
 
 TEST_F(ErrorLogEntryTest, FlatFormCarriesTheWholeEntry)
@@ -207,7 +213,7 @@ TEST_F(ErrorLogEntryTest, FlatFormCarriesTheWholeEntry)
 
 TEST_F(ErrorLogEntryTest, BytesAfterTheFlatFormAreNotLookedAt)
 {
-    Bytes l_flat = GOLDEN;
+    Bytes l_flat = golden();
     l_flat.resize(l_flat.size() + 100, 0xEE);
     ErrorLogEntry l_entry;
     EXPECT_TRUE(l_entry.unflatten(l_flat.data(), 251));
@@ -217,7 +223,7 @@ TEST_F(ErrorLogEntryTest, BytesAfterTheFlatFormAreNotLookedAt)
 TEST_F(ErrorLogEntryTest, FlattenNeedsTheWholeRoom)
 {
     ErrorLogEntry l_entry;
-    ASSERT_TRUE(l_entry.unflatten(GOLDEN.data(), 151));
+    ASSERT_TRUE(l_entry.unflatten(golden().data(), 151));
     for (unsigned int l_room = 0; l_room != 151; ++l_room)
     {
         Bytes l_buffer(l_room, 0xEE);
@@ -229,9 +235,9 @@ TEST_F(ErrorLogEntryTest, FlattenNeedsTheWholeRoom)
 
 TEST_F(ErrorLogEntryTest, EveryTruncationIsRefused)
 {
-    for (std::size_t l_size = 0; l_size != GOLDEN.size(); ++l_size)
+    for (std::size_t l_size = 0; l_size != golden().size(); ++l_size)
     {
-        expectRefused(Bytes(GOLDEN.data(), GOLDEN.data() + l_size));
+        expectRefused(Bytes(golden().data(), golden().data() + l_size));
     }
     ErrorLogEntry l_entry;
     EXPECT_FALSE(l_entry.unflatten(nullptr, 151));
@@ -239,11 +245,11 @@ TEST_F(ErrorLogEntryTest, EveryTruncationIsRefused)
 
 TEST_F(ErrorLogEntryTest, EveryChangedByteIsRefused)
 {
-    for (std::size_t l_offset = 0; l_offset != GOLDEN.size(); ++l_offset)
+    for (std::size_t l_offset = 0; l_offset != golden().size(); ++l_offset)
     {
         for (const int l_change : {1, 2, 4, 8, 16, 32, 64, 128, 255})
         {
-            Bytes l_flat = GOLDEN;
+            Bytes l_flat = golden();
             l_flat[l_offset] =
                 static_cast<unsigned char>(l_flat[l_offset] ^ l_change);
             expectRefused(l_flat);
@@ -285,20 +291,20 @@ TEST_F(ErrorLogEntryTest, ImpossibleFieldsAreRefusedInSpiteOfARightChecksum)
     {
         SCOPED_TRACE(testing::Message()
                      << l_change.offset << ": " << l_change.value);
-        Bytes l_flat = GOLDEN;
+        Bytes l_flat = golden();
         put32(l_flat, l_change.offset, l_change.value);
         sign(l_flat);
         expectRefused(l_flat);
     }
-    Bytes l_flat = GOLDEN;
+    Bytes l_flat = golden();
     sign(l_flat);
-    EXPECT_EQ(GOLDEN, l_flat) << "the test's own checksum";
+    EXPECT_EQ(golden(), l_flat) << "the test's own checksum";
     static_assert(VERSION + 2 == FLAGS && CHECKSUM + 4 == 151, "offsets");
 }
 
 TEST_F(ErrorLogEntryTest, LongestTraceFitsAndALongerOneIsRefused)
 {
-    Bytes l_flat(GOLDEN.data(), GOLDEN.data() + CHECKSUM - 3);
+    Bytes l_flat(golden().data(), golden().data() + CHECKSUM - 3);
     l_flat.resize(l_flat.size() + 16348 + 4, 'x');
     put32(l_flat, LENGTH, static_cast<std::uint32_t>(l_flat.size()));
     put32(l_flat, TRACE_LENGTH, 16348);
@@ -395,7 +401,7 @@ TEST_F(ErrorLogEntryTest, ShortMemoryGivesABlankEntryThatTakesEverything)
     l_entry.AddTrace("A", 1);
     l_entry.setSev(1);
     l_entry.commit(1, 2, 3, 4);
-    EXPECT_FALSE(l_entry.unflatten(GOLDEN.data(), 151));
+    EXPECT_FALSE(l_entry.unflatten(golden().data(), 151));
     EXPECT_EQ(EDOM, errno);
     EXPECT_EQ(0U, l_entry.flattenedSize());
     char l_byte = 0;
@@ -408,8 +414,8 @@ TEST_F(ErrorLogEntryTest, ShortMemoryGivesABlankEntryThatTakesEverything)
     EXPECT_EQ(0U, l_entry.commitValue(0));
     EXPECT_EQ(0U, l_entry.getTraceCount());
     g_memoryIsShort = false;
-    EXPECT_TRUE(l_entry.unflatten(GOLDEN.data(), 151));
-    EXPECT_EQ(GOLDEN, flat(l_entry));
+    EXPECT_TRUE(l_entry.unflatten(golden().data(), 151));
+    EXPECT_EQ(golden(), flat(l_entry));
 }
 
 TEST_F(ErrorLogEntryTest, ShortMemoryLaterLeavesTheEntryAsItWas)
@@ -420,7 +426,7 @@ TEST_F(ErrorLogEntryTest, ShortMemoryLaterLeavesTheEntryAsItWas)
     const Bytes l_before = flat(l_entry);
     g_memoryIsShort = true;
     l_entry.AddTrace("A", 64);
-    EXPECT_FALSE(l_entry.unflatten(GOLDEN.data(), 151));
+    EXPECT_FALSE(l_entry.unflatten(golden().data(), 151));
     g_memoryIsShort = false;
     EXPECT_EQ(l_before, flat(l_entry));
 }

@@ -1,22 +1,23 @@
 #include "tolv/platform/host/hostErrorLogStore.hpp"
 
+#include "support/childProcess.hpp"
+#include "support/environment.hpp"
 #include "support/tempDir.hpp"
+#include "support/waitFor.hpp"
 #include "tolv/platform/errorLogEntry.hpp"
 
 #include <gtest/gtest.h>
 
-#include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 
 #include <algorithm>
-#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -132,7 +133,8 @@ void __wrap_syslog(int i_priority, const char* i_format, ...)
     }
 }
 
-void __wrap_openlog(const char*, int, int)
+void __wrap_openlog(const char* /*i_name*/, int /*i_option*/,
+                    int /*i_facility*/)
 {
     ++g_openlogCalls;
 }
@@ -151,21 +153,12 @@ class ErrorLogStoreTest : public testing::Test
   protected:
     ErrorLogStoreTest()
     {
-        setenv("TOLV_ERRORLOG", iv_Log.c_str(), 1);
+        setVariable("TOLV_ERRORLOG", iv_Log);
     }
 
-    // The names in the folder, sorted.
     std::vector<std::string> names() const
     {
-        std::vector<std::string> l_names;
-        std::error_code l_none;
-        for (const auto& l_entry :
-             std::filesystem::directory_iterator(iv_Log, l_none))
-        {
-            l_names.push_back(l_entry.path().filename().string());
-        }
-        std::sort(l_names.begin(), l_names.end());
-        return l_names;
+        return namesIn(iv_Log);
     }
 
     // How many of the files are entries; expects that these are whole.
@@ -221,25 +214,6 @@ class ErrorLogStoreTest : public testing::Test
         l_entry.commit(1, 2, 3, 4);
     }
 
-    // Runs a job in a child that ends itself afterwards.
-    static pid_t start(const std::function<void()>& i_job)
-    {
-        const pid_t l_child = fork();
-        if (l_child == 0)
-        {
-            i_job();
-            _exit(0);
-        }
-        return l_child;
-    }
-
-    static int wait(pid_t i_child)
-    {
-        int l_status = -1;
-        EXPECT_EQ(i_child, waitpid(i_child, &l_status, 0));
-        return l_status;
-    }
-
     const TempDir iv_Folder;
     const std::string iv_Log = iv_Folder.path("var/log");
 };
@@ -256,7 +230,7 @@ TEST_F(ErrorLogStoreTest, CommitStoresTheFlatFormWithItsArguments)
     ASSERT_EQ(1U, names().size());
     const std::string l_content = contentOf(path(names()[0]));
     std::string l_flat(l_entry.flattenedSize(), ' ');
-    l_entry.flatten(&l_flat[0], l_entry.flattenedSize());
+    l_entry.flatten(l_flat.data(), l_entry.flattenedSize());
     EXPECT_EQ(l_flat, l_content);
 
     ErrorLogEntry l_read;
@@ -287,7 +261,7 @@ TEST_F(ErrorLogStoreTest, NamesAreInTheOrderOfCommits)
 
 TEST_F(ErrorLogStoreTest, MissingFoldersAreMadeAndOthersCannotReadTheFile)
 {
-    umask(0);
+    umask(0); // as a daemon has it
     commitOne(1);
     ASSERT_EQ(1U, names().size());
     struct stat l_stat = {};
@@ -334,7 +308,7 @@ TEST_F(ErrorLogStoreTest, UnusableFolderIsQuietAndToldToTheSystemLog)
          {iv_Folder.path("file"), iv_Folder.path("file/below"),
           std::string("/proc/none/log"), std::string(5000, 'n')})
     {
-        setenv("TOLV_ERRORLOG", l_folder.c_str(), 1);
+        setVariable("TOLV_ERRORLOG", l_folder);
         g_logLine.clear();
         errno = EDOM;
         commitOne(1);
@@ -468,14 +442,14 @@ TEST_F(ErrorLogStoreTest, KilledWriterLeavesTheOldOrTheNewState)
         {Call::SYNC_FOLDER, Call::NONE, 3}};
     for (const auto& l_death : DEATHS)
     {
-        const pid_t l_child = start(
+        const pid_t l_child = startChild(
             [&l_death]
             {
                 g_deadlyBefore = l_death.before;
                 g_deadlyAfter = l_death.after;
                 commitOne(2);
             });
-        EXPECT_TRUE(WIFSIGNALED(wait(l_child)));
+        EXPECT_TRUE(WIFSIGNALED(waitForChild(l_child)));
         EXPECT_EQ(l_death.entries, wholeEntries());
     }
     commitOne(3);
@@ -484,12 +458,10 @@ TEST_F(ErrorLogStoreTest, KilledWriterLeavesTheOldOrTheNewState)
 
 TEST_F(ErrorLogStoreTest, WriterKilledAtAnyMomentLeavesOnlyWholeEntries)
 {
-    const auto l_limit =
-        std::chrono::steady_clock::now() + std::chrono::seconds(20);
     for (unsigned int l_round = 1; l_round != 6; ++l_round)
     {
         const std::size_t l_before = wholeEntries();
-        const pid_t l_child = start(
+        const pid_t l_child = startChild(
             []
             {
                 for (;;)
@@ -497,13 +469,9 @@ TEST_F(ErrorLogStoreTest, WriterKilledAtAnyMomentLeavesOnlyWholeEntries)
                     commitOne(1);
                 }
             });
-        while (wholeEntries() < l_before + l_round &&
-               std::chrono::steady_clock::now() < l_limit)
-        {
-            std::this_thread::yield();
-        }
-        kill(l_child, SIGKILL);
-        EXPECT_TRUE(WIFSIGNALED(wait(l_child)));
+        EXPECT_TRUE(
+            waitFor([&] { return wholeEntries() >= l_before + l_round; }));
+        killChild(l_child);
         EXPECT_LE(l_before + l_round, wholeEntries());
         commitOne(1);
         EXPECT_EQ(wholeEntries(), names().size());
@@ -523,7 +491,7 @@ TEST_F(ErrorLogStoreTest, ProcessesAndThreadsCommitAtOnce)
     std::vector<pid_t> l_children;
     for (unsigned int l_child = 0; l_child != 4; ++l_child)
     {
-        l_children.push_back(start([&] { l_commit(l_child * EACH); }));
+        l_children.push_back(startChild([&] { l_commit(l_child * EACH); }));
     }
     std::vector<std::thread> l_threads;
     for (unsigned int l_thread = 4; l_thread != 8; ++l_thread)
@@ -536,13 +504,13 @@ TEST_F(ErrorLogStoreTest, ProcessesAndThreadsCommitAtOnce)
     }
     for (const pid_t l_child : l_children)
     {
-        EXPECT_EQ(0, wait(l_child));
+        EXPECT_EQ(0, waitForChild(l_child));
     }
-    std::vector<unsigned int> l_values;
-    for (const std::string& l_name : names())
-    {
-        l_values.push_back(valueIn(l_name));
-    }
+    const auto l_names = names();
+    std::vector<unsigned int> l_values(l_names.size());
+    std::transform(l_names.begin(), l_names.end(), l_values.begin(),
+                   [this](const std::string& i_name)
+                   { return valueIn(i_name); });
     std::sort(l_values.begin(), l_values.end());
     ASSERT_EQ(8 * EACH, l_values.size());
     for (unsigned int l_value = 0; l_value != 8 * EACH; ++l_value)
@@ -561,7 +529,7 @@ TEST_F(ErrorLogStoreTest, WritersThatDropAtOnceLeaveAFullLogOfTheNewest)
     std::vector<pid_t> l_children;
     for (int l_child = 0; l_child != 4; ++l_child)
     {
-        l_children.push_back(start(
+        l_children.push_back(startChild(
             []
             {
                 for (int l_round = 0; l_round != 10; ++l_round)
@@ -572,7 +540,7 @@ TEST_F(ErrorLogStoreTest, WritersThatDropAtOnceLeaveAFullLogOfTheNewest)
     }
     for (const pid_t l_child : l_children)
     {
-        EXPECT_EQ(0, wait(l_child));
+        EXPECT_EQ(0, waitForChild(l_child));
     }
     const auto l_names = names();
     EXPECT_EQ(tolvhost::MAX_LOG_ENTRIES, l_names.size());

@@ -1,12 +1,12 @@
 #include "tolv/platform/platformFile.hpp"
 
+#include "support/childProcess.hpp"
 #include "support/tempDir.hpp"
 #include "tolv/platform/errorLogEntry.hpp"
 
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -85,27 +85,20 @@ TEST_F(PlatformFileTest, ReadGoesOnUntilTheCountIsThere)
     PlatformFile l_file(l_path.c_str());
     l_file.Open("r", false);
     ASSERT_EQ(nullptr, taken(l_file));
-    const pid_t l_writer = fork();
-    if (l_writer == 0)
-    {
-        // The second half only goes in when the first has been taken out.
-        const std::string l_half(65536, 'x');
-        bool l_done = true;
-        for (int l_round = 0; l_round != 2; ++l_round)
+    const pid_t l_writer = startChild(
+        [&l_pipe]
         {
-            l_done =
-                l_done && ::write(l_pipe[1], l_half.data(), 65536) == 65536;
-        }
-        _exit(l_done ? 0 : 1);
-    }
+            // The second half only goes in when the first is taken out.
+            const std::string l_half(65536, 'x');
+            EXPECT_EQ(65536, ::write(l_pipe[1], l_half.data(), 65536));
+            EXPECT_EQ(65536, ::write(l_pipe[1], l_half.data(), 65536));
+        });
     std::string l_buffer(131072, ' ');
-    EXPECT_EQ(131072U, l_file.read(&l_buffer[0], 131072));
+    EXPECT_EQ(131072U, l_file.read(l_buffer.data(), 131072));
     EXPECT_EQ(std::string(131072, 'x'), l_buffer);
     close(l_pipe[0]);
     close(l_pipe[1]);
-    int l_status = -1;
-    EXPECT_EQ(l_writer, waitpid(l_writer, &l_status, 0));
-    EXPECT_EQ(0, l_status);
+    EXPECT_EQ(0, waitForChild(l_writer));
 }
 
 TEST_F(PlatformFileTest, MissingFileLeavesAnEntry)

@@ -1,15 +1,14 @@
 #include "tolv/platform/processSetup.hpp"
 
+#include "support/childProcess.hpp"
+
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-
-#include <functional>
 
 // open() as the platform is compiled; the tests decide whether it works.
 bool g_openFails = false;
@@ -47,21 +46,6 @@ bool streamsAreNull()
            write(1, &l_byte, 1) == 1 && write(2, &l_byte, 1) == 1 &&
            fcntl(0, F_GETFD) == 0 && fcntl(1, F_GETFD) == 0 &&
            fcntl(2, F_GETFD) == 0;
-}
-
-// Runs the check in a child, whose streams may be lost, and expects true.
-void expectInChild(const std::function<bool()>& i_check)
-{
-    const pid_t l_child = fork();
-    ASSERT_NE(-1, l_child);
-    if (l_child == 0)
-    {
-        _exit(i_check() ? 0 : 1);
-    }
-    int l_status = -1;
-    ASSERT_EQ(l_child, waitpid(l_child, &l_status, 0));
-    EXPECT_TRUE(WIFEXITED(l_status));
-    EXPECT_EQ(0, WEXITSTATUS(l_status));
 }
 
 } // namespace

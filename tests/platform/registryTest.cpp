@@ -1,5 +1,6 @@
 #include "tolv/platform/registry.hpp"
 
+#include "support/environment.hpp"
 #include "support/tempDir.hpp"
 
 #include <gtest/gtest.h>
@@ -34,7 +35,7 @@ class RegistryTest : public testing::Test
   protected:
     RegistryTest()
     {
-        setenv("TOLV_REGISTRY", iv_Folder.path().c_str(), 1);
+        setVariable("TOLV_REGISTRY", iv_Folder.path());
         std::filesystem::create_directory(iv_Folder.path("dscv"));
     }
 
@@ -152,7 +153,7 @@ TEST_F(RegistryTest, OtherSizesAreRefused)
 TEST_F(RegistryTest, KeyThatLeavesTheFolderIsRefused)
 {
     write("Outside", "1");
-    setenv("TOLV_REGISTRY", iv_Folder.path("dscv").c_str(), 1);
+    setVariable("TOLV_REGISTRY", iv_Folder.path("dscv"));
     for (const char* l_key :
          {"../Outside", "..", "a/../../Outside", "a/..", "/etc/hostname", "/",
           "", "..//Outside", "a//../b"})
@@ -177,7 +178,7 @@ TEST_F(RegistryTest, DotsInsideANameAreNoWayUp)
 TEST_F(RegistryTest, MissingFileOrFolderIsReported)
 {
     expectRefusedKey("dscv/None", 1, ENOENT);
-    setenv("TOLV_REGISTRY", iv_Folder.path("none").c_str(), 1);
+    setVariable("TOLV_REGISTRY", iv_Folder.path("none"));
     expectRefusedKey("dscv/Value", 1, ENOENT);
 }
 
@@ -213,11 +214,11 @@ TEST_F(RegistryTest, SuccessLeavesErrnoAlone)
 TEST_F(RegistryTest, UnsetOrEmptyVariableMeansTheDefaultFolder)
 {
     unsigned char l_byte = 0;
-    setenv("TOLV_REGISTRY", "", 1);
+    setVariable("TOLV_REGISTRY", "");
     RegistryRead("dscv/VexRole", &l_byte, 1, 0);
     EXPECT_EQ("/etc/tolv/registry/dscv/VexRole", g_openedPath);
     g_openedPath.clear();
-    unsetenv("TOLV_REGISTRY");
+    unsetVariable("TOLV_REGISTRY");
     RegistryRead("dscv/VexRole", &l_byte, 1, 0);
     EXPECT_EQ("/etc/tolv/registry/dscv/VexRole", g_openedPath);
 }

@@ -1,5 +1,7 @@
 #include "tolv/platform/traceBuffer.hpp"
 
+#include "support/childProcess.hpp"
+#include "support/environment.hpp"
 #include "support/tempDir.hpp"
 #include "tolv/platform/host/hostTraceReader.hpp"
 
@@ -7,21 +9,18 @@
 
 #include <sys/mman.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <iterator>
 #include <sstream>
 #include <string>
@@ -57,7 +56,7 @@ class TraceBufferTest : public testing::Test
   protected:
     TraceBufferTest()
     {
-        setenv("TOLV_TRACE_DIR", iv_Folder.path().c_str(), 1);
+        setVariable("TOLV_TRACE_DIR", iv_Folder.path());
     }
 
     // The descriptor of a buffer, made or attached to.
@@ -72,7 +71,7 @@ class TraceBufferTest : public testing::Test
     static std::string read(const char* i_name, unsigned int i_room = 65536)
     {
         std::string l_text(i_room, '#');
-        const int l_copied = TraceBufferReadDiff(i_name, i_room, &l_text[0]);
+        const int l_copied = TraceBufferReadDiff(i_name, i_room, l_text.data());
         EXPECT_LE(0, l_copied);
         EXPECT_EQ(
             std::string::npos,
@@ -111,16 +110,19 @@ struct Entry
 // Takes "SECONDS.MICROSECONDS THREAD TEXT" apart.
 bool parse(const std::string& i_line, Entry& o_entry)
 {
-    int l_point = 0;
-    int l_blank = 0;
-    int l_text = 0;
-    if (std::sscanf(i_line.c_str(), "%lld%n.%*6[0-9]%n %ld%n", &o_entry.seconds,
-                    &l_point, &l_blank, &o_entry.thread, &l_text) != 2 ||
-        l_blank != l_point + 7 || i_line[static_cast<size_t>(l_text)] != ' ')
+    char* l_end = nullptr;
+    o_entry.seconds = std::strtoll(i_line.c_str(), &l_end, 10);
+    if (std::strspn(l_end + 1, "0123456789") != 6 || *l_end != '.' ||
+        l_end[7] != ' ')
     {
         return false;
     }
-    o_entry.text = i_line.substr(static_cast<size_t>(l_text) + 1);
+    o_entry.thread = std::strtol(l_end + 8, &l_end, 10);
+    if (*l_end != ' ')
+    {
+        return false;
+    }
+    o_entry.text = l_end + 1;
     return true;
 }
 
@@ -137,21 +139,6 @@ std::string textsOf(const std::string& i_entries)
     }
     EXPECT_TRUE(i_entries.empty() || i_entries.back() == '\n') << i_entries;
     return l_texts;
-}
-
-// Runs a check in a child and expects true.
-void expectInChild(const std::function<bool()>& i_check)
-{
-    const pid_t l_child = fork();
-    ASSERT_NE(-1, l_child);
-    if (l_child == 0)
-    {
-        const bool l_good = i_check() && !testing::Test::HasFailure();
-        _exit(l_good ? 0 : 1);
-    }
-    int l_status = -1;
-    ASSERT_EQ(l_child, waitpid(l_child, &l_status, 0));
-    EXPECT_EQ(0, l_status);
 }
 
 void expectInitRefused(int* o_descriptor, const char* i_name,
@@ -276,7 +263,7 @@ TEST_F(TraceBufferTest, WrongReadsAreRefusedAndTouchNothing)
 
 TEST_F(TraceBufferTest, SuccessLeavesErrnoAlone)
 {
-    setenv("TOLV_TRACE_DIR", iv_Folder.path("none").c_str(), 1);
+    setVariable("TOLV_TRACE_DIR", iv_Folder.path("none"));
     errno = EDOM;
     const int l_desc = init("A");
     TraceBufferWrite(l_desc, "text");
@@ -384,7 +371,7 @@ TEST_F(TraceBufferTest, UnusableFolderStillGivesTraceInTheProcess)
          {iv_Folder.path("none"), iv_Folder.path("file"), std::string("/proc")})
     {
         const char* l_name = NAMES[l_index++];
-        setenv("TOLV_TRACE_DIR", l_folder.c_str(), 1);
+        setVariable("TOLV_TRACE_DIR", l_folder);
         const int l_desc = init(l_name);
         TraceBufferWrite(l_desc, "text");
         EXPECT_EQ("text ", textsOf(read(l_name)));
@@ -460,11 +447,8 @@ TEST_F(TraceBufferTest, ForkedChildHasARingOfItsOwn)
         });
     TraceBufferWrite(l_desc, "again");
     EXPECT_EQ("parent again ", textsOf(read("A")));
-    std::vector<std::string> l_texts;
-    for (const std::string& l_text : segments("A"))
-    {
-        l_texts.push_back(textsOf(l_text));
-    }
+    std::vector<std::string> l_texts = segments("A");
+    std::transform(l_texts.begin(), l_texts.end(), l_texts.begin(), textsOf);
     std::sort(l_texts.begin(), l_texts.end());
     EXPECT_EQ(
         (std::vector<std::string>{"child ", "grandchild ", "parent again "}),
@@ -473,7 +457,7 @@ TEST_F(TraceBufferTest, ForkedChildHasARingOfItsOwn)
 
 TEST_F(TraceBufferTest, ChildOfAProcessWithoutAFolderHasARingOfItsOwn)
 {
-    setenv("TOLV_TRACE_DIR", iv_Folder.path("none").c_str(), 1);
+    setVariable("TOLV_TRACE_DIR", iv_Folder.path("none"));
     const int l_desc = init("A");
     TraceBufferWrite(l_desc, "parent");
     expectInChild(
@@ -562,42 +546,37 @@ TEST_F(TraceBufferTest, ChildForkedWhileThreadsWriteCanTrace)
 
 TEST_F(TraceBufferTest, ProcessesOfOneProgramDoNotDisturbEachOther)
 {
-    std::vector<pid_t> l_children;
-    for (int l_child = 0; l_child != 4; ++l_child)
+    std::vector<pid_t> l_children(4);
+    for (pid_t& l_child : l_children)
     {
-        const pid_t l_pid = fork();
-        if (l_pid == 0)
-        {
-            const int l_desc = init("A");
-            std::string l_expected;
-            for (int l_entry = 0; l_entry != 100; ++l_entry)
+        l_child = startChild(
+            []
             {
-                TraceBufferWrite(l_desc, "%d", l_child);
-                l_expected += std::to_string(l_child) + " ";
-            }
-            _exit(textsOf(read("A")) == l_expected ? 0 : 1);
-        }
-        l_children.push_back(l_pid);
+                const int l_desc = init("A");
+                std::string l_expected;
+                for (int l_entry = 0; l_entry != 100; ++l_entry)
+                {
+                    TraceBufferWrite(l_desc, "%d", getpid());
+                    l_expected += std::to_string(getpid()) + " ";
+                }
+                EXPECT_EQ(l_expected, textsOf(read("A")));
+            });
     }
     for (const pid_t l_child : l_children)
     {
-        int l_status = -1;
-        EXPECT_EQ(l_child, waitpid(l_child, &l_status, 0));
-        EXPECT_EQ(0, l_status);
+        EXPECT_EQ(0, waitForChild(l_child));
     }
     EXPECT_EQ(4U, segments("A").size());
 }
 
 TEST_F(TraceBufferTest, TraceOfAKilledProcessCanBeRead)
 {
-    const pid_t l_child = fork();
-    if (l_child == 0)
-    {
-        TraceBufferWrite(init("A"), "last words");
-        raise(SIGKILL);
-    }
-    int l_status = 0;
-    EXPECT_EQ(l_child, waitpid(l_child, &l_status, 0));
+    waitForChild(startChild(
+        []
+        {
+            TraceBufferWrite(init("A"), "last words");
+            raise(SIGKILL);
+        }));
     ASSERT_EQ(1U, segments("A").size());
     EXPECT_EQ("last words ", textsOf(segments("A")[0]));
     init("A");
@@ -630,7 +609,7 @@ class Early
   public:
     Early()
     {
-        setenv("TOLV_TRACE_DIR", iv_Folder.path().c_str(), 1);
+        setVariable("TOLV_TRACE_DIR", iv_Folder.path());
         iv_Result = TraceBufferInit(&iv_Desc, "EARLY", 1024);
         TraceBufferWrite(iv_Desc, "early");
     }
@@ -650,7 +629,10 @@ class Early
     int iv_Desc = 0;
     int iv_Result = -1;
     bool iv_Judge = false;
-} g_early;
+};
+
+// NOLINTNEXTLINE(cert-err58-cpp): a test that has no folder may end at once
+Early g_early;
 
 } // namespace
 
@@ -662,13 +644,11 @@ TEST_F(TraceBufferTest, BufferWorksBeforeMain)
 
 TEST_F(TraceBufferTest, BufferWorksWhileStaticObjectsAreDestroyed)
 {
-    const pid_t l_child = fork();
-    if (l_child == 0)
-    {
-        g_early.iv_Judge = true;
-        exit(77);
-    }
-    int l_status = -1;
-    EXPECT_EQ(l_child, waitpid(l_child, &l_status, 0));
-    EXPECT_EQ(0, l_status);
+    EXPECT_EQ(0, waitForChild(startChild(
+                     []
+                     {
+                         g_early.iv_Judge = true;
+                         // NOLINTNEXTLINE(concurrency-mt-unsafe)
+                         exit(77); // replaced by the verdict
+                     })));
 }

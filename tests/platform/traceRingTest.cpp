@@ -30,13 +30,13 @@ class TraceRingTest : public testing::Test
     std::string newest(std::uint32_t i_room = SIZE)
     {
         std::string l_text(i_room, '#');
-        l_text.resize(iv_Ring.newest(&l_text[0], i_room));
+        l_text.resize(iv_Ring.newest(l_text.data(), i_room));
         return l_text;
     }
 
     std::string allOf() const
     {
-        return std::string(iv_Segment->text(), SIZE);
+        return {ringOf(iv_Segment), SIZE};
     }
 
     // Of exactly the size, so that a sanitizer sees any step beyond.
@@ -155,8 +155,8 @@ TEST_F(TraceRingTest, WriterThatDiesInTheMiddleLeavesWholeLines)
     append(line('b', 30));
     // It has made room and copied half of its line, but not moved the end.
     iv_Segment->begin = 30;
-    iv_Segment->text()[60] = 'c';
-    iv_Segment->text()[0] = 'c';
+    ringOf(iv_Segment)[60] = 'c';
+    ringOf(iv_Segment)[0] = 'c';
     EXPECT_EQ(line('b', 30), newest());
 }
 
@@ -193,7 +193,7 @@ TEST_F(TraceRingTest, NoDamageLeadsOutsideOfTheRing)
         iv_Segment->end = (l_next() >> 31) != 0
                               ? l_next()
                               : iv_Segment->begin + (l_next() >> 24);
-        iv_Segment->text()[l_next() % SIZE] = '\n';
+        ringOf(iv_Segment)[l_next() % SIZE] = '\n';
         const std::string l_line = line('x', 1 + (l_next() >> 16) % SIZE);
         EXPECT_GE(SIZE, newest((l_next() >> 16) % (SIZE + 1)).size());
         append(l_line);

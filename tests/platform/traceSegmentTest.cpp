@@ -1,6 +1,9 @@
 #include "tolv/platform/host/hostTraceSegment.hpp"
 
+#include "support/childProcess.hpp"
+#include "support/environment.hpp"
 #include "support/tempDir.hpp"
+#include "support/waitFor.hpp"
 #include "tolv/platform/host/hostProcess.hpp"
 #include "tolv/platform/host/hostTraceReader.hpp"
 #include "tolv/platform/host/hostTraceRing.hpp"
@@ -21,10 +24,8 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <iterator>
 #include <string>
-#include <thread>
 #include <vector>
 
 using namespace tolvhost;
@@ -74,7 +75,7 @@ class TraceSegmentTest : public testing::Test
   protected:
     TraceSegmentTest()
     {
-        setenv("TOLV_TRACE_DIR", iv_Folder.path().c_str(), 1);
+        setVariable("TOLV_TRACE_DIR", iv_Folder.path());
     }
 
     static std::string
@@ -110,14 +111,7 @@ class TraceSegmentTest : public testing::Test
 
     std::vector<std::string> names() const
     {
-        std::vector<std::string> l_names;
-        for (const auto& l_entry :
-             std::filesystem::directory_iterator(iv_Folder.path()))
-        {
-            l_names.push_back(l_entry.path().filename().string());
-        }
-        std::sort(l_names.begin(), l_names.end());
-        return l_names;
+        return namesIn(iv_Folder.path());
     }
 
     static void append(TraceSegment* i_segment, const std::string& i_line)
@@ -145,48 +139,6 @@ class TraceSegmentTest : public testing::Test
 
     const TempDir iv_Folder;
 };
-
-// Runs a job in a child of its own, which ends itself afterwards.
-pid_t start(const std::function<void()>& i_job)
-{
-    const pid_t l_child = fork();
-    if (l_child == 0)
-    {
-        i_job();
-        _exit(0);
-    }
-    return l_child;
-}
-
-// Expects that the child was killed.
-void reap(pid_t i_child)
-{
-    int l_status = -1;
-    EXPECT_EQ(i_child, waitpid(i_child, &l_status, 0));
-    EXPECT_TRUE(WIFSIGNALED(l_status));
-}
-
-void killAndReap(pid_t i_child)
-{
-    kill(i_child, SIGKILL);
-    reap(i_child);
-}
-
-template <class Condition>
-bool eventually(Condition i_condition)
-{
-    const auto l_limit =
-        std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!i_condition())
-    {
-        if (std::chrono::steady_clock::now() > l_limit)
-        {
-            return false;
-        }
-        std::this_thread::yield();
-    }
-    return true;
-}
 
 } // namespace
 
@@ -249,7 +201,7 @@ TEST_F(TraceSegmentTest, ReaderSeesWhatTheProcessWrote)
     {
         append(l_segment, std::to_string(l_line) + "\n");
         std::string l_ring(SIZE, ' ');
-        l_ring.resize(TraceRing(l_segment, SIZE).newest(&l_ring[0], SIZE));
+        l_ring.resize(TraceRing(l_segment, SIZE).newest(l_ring.data(), SIZE));
         ASSERT_TRUE(readSegment(ownPath().c_str(), l_snapshot));
         ASSERT_EQ(l_ring, l_snapshot.text);
     }
@@ -258,12 +210,12 @@ TEST_F(TraceSegmentTest, ReaderSeesWhatTheProcessWrote)
 
 TEST_F(TraceSegmentTest, MissingFolderOrNoFolderGivesNoSegment)
 {
-    setenv("TOLV_TRACE_DIR", iv_Folder.path("none").c_str(), 1);
+    setVariable("TOLV_TRACE_DIR", iv_Folder.path("none"));
     EXPECT_EQ(nullptr, createSharedSegment("A", SIZE));
     std::ofstream(iv_Folder.path("file")) << "text";
-    setenv("TOLV_TRACE_DIR", iv_Folder.path("file").c_str(), 1);
+    setVariable("TOLV_TRACE_DIR", iv_Folder.path("file"));
     EXPECT_EQ(nullptr, createSharedSegment("A", SIZE));
-    setenv("TOLV_TRACE_DIR", "/proc", 1); // takes no files from anybody
+    setVariable("TOLV_TRACE_DIR", "/proc"); // takes no files from anybody
     EXPECT_EQ(nullptr, createSharedSegment("A", SIZE));
 }
 
@@ -378,7 +330,7 @@ TEST_F(TraceSegmentTest, RestartsLeaveABoundedNumberOfSegments)
 {
     for (int l_start = 0; l_start != 20; ++l_start)
     {
-        reap(start(
+        waitForChild(startChild(
             []
             {
                 createSharedSegment("A", SIZE);
@@ -390,13 +342,12 @@ TEST_F(TraceSegmentTest, RestartsLeaveABoundedNumberOfSegments)
 
 TEST_F(TraceSegmentTest, ProcessThatWaitsToBeReapedIsDead)
 {
-    const pid_t l_child = start([] { raise(SIGKILL); });
+    const pid_t l_child = startChild([] { raise(SIGKILL); });
     siginfo_t l_info = {};
     ASSERT_EQ(0, waitid(P_PID, static_cast<id_t>(l_child), &l_info,
                         WEXITED | WNOWAIT));
     EXPECT_FALSE(isRunning(l_child, processStart(l_child)));
-    int l_status = 0;
-    waitpid(l_child, &l_status, 0);
+    waitForChild(l_child);
     EXPECT_FALSE(isRunning(l_child, 0));
     EXPECT_TRUE(isRunning(getpid(), processStart(getpid())));
     EXPECT_TRUE(isRunning(getpid(), 0));
@@ -405,7 +356,7 @@ TEST_F(TraceSegmentTest, ProcessThatWaitsToBeReapedIsDead)
 
 TEST_F(TraceSegmentTest, DeadProcessCanBeRead)
 {
-    const pid_t l_child = start(
+    const pid_t l_child = startChild(
         []
         {
             append(createSharedSegment("A", SIZE), "last words\n");
@@ -416,13 +367,13 @@ TEST_F(TraceSegmentTest, DeadProcessCanBeRead)
         });
     const std::string l_path = path(l_child);
     TraceSnapshot l_snapshot;
-    EXPECT_TRUE(eventually(
+    EXPECT_TRUE(waitFor(
         [&]
         {
             return readSegment(l_path.c_str(), l_snapshot) &&
                    !l_snapshot.text.empty();
         }));
-    killAndReap(l_child);
+    killChild(l_child);
     ASSERT_TRUE(readSegment(l_path.c_str(), l_snapshot));
     EXPECT_EQ("last words\n", l_snapshot.text);
     EXPECT_EQ(l_child, l_snapshot.pid);
@@ -477,11 +428,11 @@ void writeConsecutiveLines()
 
 TEST_F(TraceSegmentTest, BusyProcessIsReadInWholeLines)
 {
-    const pid_t l_child = start(writeConsecutiveLines);
+    const pid_t l_child = startChild(writeConsecutiveLines);
     const std::string l_path = path(l_child);
     TraceSnapshot l_snapshot;
     int l_reads = 0;
-    EXPECT_TRUE(eventually(
+    EXPECT_TRUE(waitFor(
         [&]
         {
             if (readSegment(l_path.c_str(), l_snapshot) &&
@@ -492,23 +443,23 @@ TEST_F(TraceSegmentTest, BusyProcessIsReadInWholeLines)
             }
             return l_reads == 200;
         }));
-    killAndReap(l_child);
+    killChild(l_child);
 }
 
 TEST_F(TraceSegmentTest, KilledWriterLeavesWholeLines)
 {
     for (int l_round = 0; l_round != 20; ++l_round)
     {
-        const pid_t l_child = start(writeConsecutiveLines);
+        const pid_t l_child = startChild(writeConsecutiveLines);
         const std::string l_path = path(l_child);
         TraceSnapshot l_snapshot;
-        EXPECT_TRUE(eventually(
+        EXPECT_TRUE(waitFor(
             [&]
             {
                 return readSegment(l_path.c_str(), l_snapshot) &&
                        l_snapshot.text.size() > SIZE / 2;
             }));
-        killAndReap(l_child);
+        killChild(l_child);
         ASSERT_TRUE(readSegment(l_path.c_str(), l_snapshot));
         EXPECT_LT(SIZE / 2, l_snapshot.text.size());
         EXPECT_TRUE(isConsecutive(l_snapshot.text)) << l_snapshot.text;

@@ -1,14 +1,18 @@
-#ifndef TESTS_SUPPORT_TEMPDIR_HPP
-#define TESTS_SUPPORT_TEMPDIR_HPP
+// A folder of its own for a test.
+#ifndef TOLV_TESTS_SUPPORT_TEMPDIR_HPP
+#define TOLV_TESTS_SUPPORT_TEMPDIR_HPP
 
-#include <stdlib.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 
+#include <algorithm>
 #include <filesystem>
+#include <iterator>
 #include <string>
 #include <system_error>
+#include <vector>
 
 /// A new folder with a short path, removed with everything in it at the end
 /// of its scope by the process that made it (not by its forked children).
@@ -54,5 +58,19 @@ class TempDir
     const pid_t iv_Owner;
     std::string iv_Path;
 };
+
+/// The names in a folder, sorted; none when there is no such folder.
+inline std::vector<std::string> namesIn(const std::string& i_folder)
+{
+    std::error_code l_ignored;
+    const std::filesystem::directory_iterator l_entries(i_folder, l_ignored);
+    std::vector<std::string> l_names;
+    std::transform(begin(l_entries), end(l_entries),
+                   std::back_inserter(l_names),
+                   [](const std::filesystem::directory_entry& i_entry)
+                   { return i_entry.path().filename().string(); });
+    std::sort(l_names.begin(), l_names.end());
+    return l_names;
+}
 
 #endif

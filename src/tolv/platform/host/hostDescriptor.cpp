@@ -2,8 +2,9 @@
 
 #include "tolv/platform/host/hostErrno.hpp"
 
-#include <stdlib.h>
 #include <unistd.h>
+
+#include <cstdlib>
 
 namespace tolvhost
 {

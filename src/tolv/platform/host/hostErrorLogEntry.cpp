@@ -6,11 +6,11 @@
 #include "tolv/platform/traceBuffer.hpp"
 
 #include <syslog.h>
-#include <time.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 
 #include <algorithm>
 #include <iterator>

@@ -25,9 +25,11 @@ constexpr std::size_t OFF_VALUES = 28;        // 15 times u32
 constexpr std::size_t OFF_COMMIT_VALUES = 88; // 4 times u32
 constexpr std::size_t OFF_TRACE_COUNT = 104;  // u32: 0 to MAX_TRACES
 constexpr std::size_t FIXED_PART = 108;       // then the traces, then the CRC
-static_assert(OFF_VALUES + 4 * ErrorLogEntry::VALUE_COUNT == OFF_COMMIT_VALUES,
+static_assert(OFF_VALUES + std::size_t{4} * ErrorLogEntry::VALUE_COUNT ==
+                  OFF_COMMIT_VALUES,
               "flat form");
-static_assert(OFF_COMMIT_VALUES + 4 * ErrorLogEntry::COMMIT_VALUE_COUNT ==
+static_assert(OFF_COMMIT_VALUES +
+                      std::size_t{4} * ErrorLogEntry::COMMIT_VALUE_COUNT ==
                   OFF_TRACE_COUNT,
               "flat form");
 

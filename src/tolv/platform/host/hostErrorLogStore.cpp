@@ -2,18 +2,18 @@
 
 #include "tolv/platform/host/hostDescriptor.hpp"
 #include "tolv/platform/host/hostErrno.hpp"
+#include "tolv/platform/host/hostNumber.hpp"
 #include "tolv/platform/host/hostProcess.hpp"
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cinttypes>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include <algorithm>
@@ -34,7 +34,7 @@ constexpr char DEFAULT_FOLDER[] = "/var/lib/tolv/errorlog";
 // names is that of the entries.
 constexpr char ENTRY_PREFIX[] = "entry.";
 constexpr char NEW_PREFIX[] = "new.";
-constexpr std::size_t SEQUENCE_DIGITS = 16;
+constexpr int SEQUENCE_DIGITS = 16;
 constexpr std::uint64_t MAX_SEQUENCE = 9999999999999999U;
 
 // Entries that one call drops at most.
@@ -64,24 +64,21 @@ bool parseSequence(const char* i_name, std::uint64_t& o_sequence)
         return false;
     }
     const char* l_digits = i_name + std::strlen(ENTRY_PREFIX);
-    if (std::strspn(l_digits, "0123456789") != SEQUENCE_DIGITS ||
-        l_digits[SEQUENCE_DIGITS] != '.')
-    {
-        return false;
-    }
-    o_sequence = std::strtoull(l_digits, nullptr, 10);
-    return true;
+    const char* l_rest = l_digits;
+    return takeNumber(l_rest, 10, MAX_SEQUENCE, o_sequence) &&
+           l_rest - l_digits == SEQUENCE_DIGITS && *l_rest == '.';
 }
 
 // What a process was writing when it died.
 bool isLeftOver(const char* i_name)
 {
-    int l_pid = 0;
-    int l_used = 0;
+    const char* l_rest = i_name + std::strlen(NEW_PREFIX);
+    std::uint64_t l_pid = 0;
+    std::uint64_t l_count = 0;
     return hasPrefix(i_name, NEW_PREFIX) &&
-           std::sscanf(i_name + std::strlen(NEW_PREFIX), "%9d.%*u%n", &l_pid,
-                       &l_used) == 1 &&
-           l_used != 0 && l_pid > 0 && !isRunning(l_pid, 0);
+           takeNumber(l_rest, 10, INT_MAX, l_pid) && *l_rest++ == '.' &&
+           takeNumber(l_rest, 10, UINT_MAX, l_count) && *l_rest == '\0' &&
+           l_pid != 0 && !isRunning(static_cast<pid_t>(l_pid), 0);
 }
 
 // Looks at every name of the folder and removes what dead writers left.
@@ -101,6 +98,9 @@ bool list(int i_folder, Listing& o_listing)
     l_fd.release(); // closedir() closes it
 
     o_listing = Listing();
+    // Nobody else reads this stream.
+    // cppcheck-suppress readdirCalled
+    // NOLINTNEXTLINE(concurrency-mt-unsafe)
     while (const dirent* l_entry = readdir(l_names.get()))
     {
         std::uint64_t l_sequence = 0;
@@ -109,7 +109,8 @@ bool list(int i_folder, Listing& o_listing)
             if (o_listing.count == 0 ||
                 std::strcmp(l_entry->d_name, o_listing.oldest) < 0)
             {
-                std::strcpy(o_listing.oldest, l_entry->d_name);
+                std::memcpy(o_listing.oldest, l_entry->d_name,
+                            std::strlen(l_entry->d_name) + 1);
             }
             o_listing.newest = std::max(o_listing.newest, l_sequence);
             ++o_listing.count;
@@ -203,9 +204,10 @@ bool storeLogEntry(const void* i_bytes, std::size_t i_size,
     }
     const int l_pid = getpid();
     const unsigned int l_count = ++g_count;
-    char l_new[LOG_NAME_ROOM];
-    snprintf(l_new, sizeof(l_new), "%s%d.%u", NEW_PREFIX, l_pid, l_count);
-    Descriptor l_file = createNew(l_folder.get(), l_new);
+    char l_temporary[LOG_NAME_ROOM];
+    snprintf(l_temporary, sizeof(l_temporary), "%s%d.%u", NEW_PREFIX, l_pid,
+             l_count);
+    Descriptor l_file = createNew(l_folder.get(), l_temporary);
     if (!l_file)
     {
         return false;
@@ -219,14 +221,15 @@ bool storeLogEntry(const void* i_bytes, std::size_t i_size,
     if (l_stored)
     {
         snprintf(o_name, sizeof(o_name), "%s%0*" PRIu64 ".%d.%u", ENTRY_PREFIX,
-                 static_cast<int>(SEQUENCE_DIGITS),
-                 std::min(l_listing.newest + 1, MAX_SEQUENCE), l_pid, l_count);
-        l_stored = renameat(l_folder.get(), l_new, l_folder.get(), o_name) == 0;
+                 SEQUENCE_DIGITS, std::min(l_listing.newest + 1, MAX_SEQUENCE),
+                 l_pid, l_count);
+        l_stored =
+            renameat(l_folder.get(), l_temporary, l_folder.get(), o_name) == 0;
     }
     if (!l_stored)
     {
         const ErrnoKeeper l_keeper;
-        unlinkat(l_folder.get(), l_new, 0);
+        unlinkat(l_folder.get(), l_temporary, 0);
         return false;
     }
     dropOldest(l_folder.get());

@@ -17,21 +17,7 @@ using tolvhost::Descriptor;
 class PlatformFile::Data
 {
   public:
-    explicit Data(const char* i_path) : path(i_path == nullptr ? "" : i_path) {}
-
-    void fail(REASON i_reason)
-    {
-        if (error == nullptr)
-        {
-            const int l_errno = errno;
-            error.reset(new (std::nothrow) ErrorLogEntry(
-                0, 0, 0, 0, 0, 0, 0, i_reason,
-                static_cast<unsigned int>(l_errno), 0, 0, 0, 0, 0, 0));
-            errno = l_errno;
-        }
-    }
-
-    const std::string path;
+    std::string path;
     Descriptor file;
     std::unique_ptr<ErrorLogEntry> error; // waits for takeError()
 };
@@ -40,6 +26,18 @@ namespace
 {
 
 constexpr int UNKNOWN_MODE = -1;
+
+// Keeps what went wrong, with errno, unless an earlier failure waits.
+void fail(std::unique_ptr<ErrorLogEntry>& io_pending,
+          PlatformFile::REASON i_reason)
+{
+    if (io_pending == nullptr)
+    {
+        const unsigned int l_errno = static_cast<unsigned int>(errno);
+        io_pending.reset(new (std::nothrow) ErrorLogEntry(
+            0, 0, 0, 0, 0, 0, 0, i_reason, l_errno, 0, 0, 0, 0, 0, 0));
+    }
+}
 
 int firstFlags(char i_letter, bool i_update)
 {
@@ -79,32 +77,38 @@ int openFlags(const char* i_mode)
 
 } // namespace
 
-PlatformFile::PlatformFile(const char* i_path) : iv_Data(new Data(i_path)) {}
+PlatformFile::PlatformFile(const char* i_path) : iv_Data(new Data)
+{
+    if (i_path != nullptr)
+    {
+        iv_Data->path = i_path;
+    }
+}
 
 PlatformFile::~PlatformFile()
 {
     delete iv_Data;
 }
 
-void PlatformFile::Open(const char* i_mode, bool)
+void PlatformFile::Open(const char* i_mode, bool /*i_flag*/)
 {
     const int l_flags = openFlags(i_mode);
     if (iv_Data->file)
     {
         errno = EBUSY;
-        iv_Data->fail(REASON_OPEN);
+        fail(iv_Data->error, REASON_OPEN);
         return;
     }
     if (l_flags == UNKNOWN_MODE)
     {
         errno = EINVAL;
-        iv_Data->fail(REASON_OPEN);
+        fail(iv_Data->error, REASON_OPEN);
         return;
     }
     iv_Data->file = Descriptor(open(iv_Data->path.c_str(), l_flags, 0666));
     if (!iv_Data->file)
     {
-        iv_Data->fail(REASON_OPEN);
+        fail(iv_Data->error, REASON_OPEN);
     }
 }
 
@@ -113,7 +117,7 @@ unsigned int PlatformFile::read(void* o_buffer, unsigned int i_count)
     std::size_t l_done = 0;
     if (!tolvhost::readAll(iv_Data->file.get(), o_buffer, i_count, l_done))
     {
-        iv_Data->fail(REASON_READ);
+        fail(iv_Data->error, REASON_READ);
     }
     return static_cast<unsigned int>(l_done);
 }
@@ -122,7 +126,7 @@ void PlatformFile::Close()
 {
     if (iv_Data->file.close() != 0)
     {
-        iv_Data->fail(REASON_CLOSE);
+        fail(iv_Data->error, REASON_CLOSE);
     }
 }
 

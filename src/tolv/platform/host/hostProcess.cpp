@@ -1,12 +1,13 @@
 #include "tolv/platform/host/hostProcess.hpp"
 
 #include "tolv/platform/host/hostDescriptor.hpp"
+#include "tolv/platform/host/hostNumber.hpp"
 
 #include <fcntl.h>
-#include <signal.h>
 
 #include <cerrno>
-#include <cinttypes>
+#include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
@@ -15,6 +16,10 @@ namespace tolvhost
 
 namespace
 {
+
+// Positions in /proc/PID/stat, counted from 1.
+constexpr int STATE_FIELD = 3;
+constexpr int START_FIELD = 22;
 
 struct ProcessStat
 {
@@ -35,14 +40,27 @@ bool readStat(pid_t i_pid, ProcessStat& o_stat)
         return false;
     }
     l_text[l_size] = '\0';
-    // The second field, a name in parentheses, may hold anything. The state is
-    // the third, the start the twenty-second.
-    const char* l_name = std::strrchr(l_text, ')');
-    return l_name != nullptr &&
-           std::sscanf(l_name,
-                       ") %c %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s "
-                       "%*s %*s %*s %*s %*s %*s %" SCNu64,
-                       &o_stat.state, &o_stat.start) == 2;
+    // The second field, a name in parentheses, may hold anything. The fields
+    // after it have a blank before each.
+    const char* l_field = std::strrchr(l_text, ')');
+    for (int l_number = STATE_FIELD; l_field != nullptr; ++l_number)
+    {
+        l_field = std::strchr(l_field, ' ');
+        if (l_field == nullptr)
+        {
+            return false;
+        }
+        ++l_field;
+        if (l_number == STATE_FIELD)
+        {
+            o_stat.state = *l_field;
+        }
+        else if (l_number == START_FIELD)
+        {
+            return takeNumber(l_field, 10, UINT64_MAX, o_stat.start);
+        }
+    }
+    return false;
 }
 
 } // namespace

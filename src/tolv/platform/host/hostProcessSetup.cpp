@@ -5,7 +5,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-int PlatformProcessSetup(void*, bool)
+int PlatformProcessSetup(void* /*i_argument*/, bool /*i_flag*/)
 {
     const tolvhost::ErrnoKeeper l_keeper;
     const int l_null = open("/dev/null", O_RDWR | O_CLOEXEC);

@@ -2,11 +2,12 @@
 
 #include "tolv/platform/host/hostDescriptor.hpp"
 #include "tolv/platform/host/hostErrno.hpp"
+#include "tolv/platform/host/hostNumber.hpp"
 
 #include <fcntl.h>
-#include <limits.h>
 #include <sys/stat.h>
 
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -81,18 +82,6 @@ bool readText(const char* i_key, char (&o_text)[MAX_TEXT + 1])
     return true;
 }
 
-// The value of a digit of that base, or the base itself for anything else.
-unsigned int digit(char i_letter, unsigned int i_base)
-{
-    const char DIGITS[] = "0123456789abcdef0123456789ABCDEF";
-    const char* l_found =
-        i_letter == '\0' ? nullptr : std::strchr(DIGITS, i_letter);
-    const unsigned int l_value =
-        l_found == nullptr ? i_base
-                           : static_cast<unsigned int>(l_found - DIGITS) % 16;
-    return l_value < i_base ? l_value : i_base;
-}
-
 // Decimal, or hexadecimal after 0x; false with errno when the text is no
 // number or one above i_max.
 bool parse(const char* i_text, std::uint64_t i_max, std::uint64_t& o_value)
@@ -104,20 +93,12 @@ bool parse(const char* i_text, std::uint64_t i_max, std::uint64_t& o_value)
         l_base = 16;
         i_text += 2;
     }
-    const char* l_digits = i_text;
-    o_value = 0;
-    for (unsigned int l_digit = digit(*i_text, l_base); l_digit != l_base;
-         l_digit = digit(*++i_text, l_base))
+    if (!tolvhost::takeNumber(i_text, l_base, i_max, o_value))
     {
-        if (o_value > (i_max - l_digit) / l_base)
-        {
-            return failed(ERANGE);
-        }
-        o_value = o_value * l_base + l_digit;
+        return false;
     }
-    const bool l_any = i_text != l_digits;
     i_text += std::strspn(i_text, WHITE_SPACE);
-    return (l_any && *i_text == '\0') || failed(EINVAL);
+    return *i_text == '\0' || failed(EINVAL);
 }
 
 template <class T>
@@ -154,7 +135,8 @@ bool readSized(const char* i_key, void* o_buffer, unsigned int i_size)
 
 } // namespace
 
-int RegistryRead(const char* i_key, void* o_buffer, unsigned int i_size, int)
+int RegistryRead(const char* i_key, void* o_buffer, unsigned int i_size,
+                 int /*i_flags*/)
 {
     const int l_errno = errno;
     if (!isKey(i_key) || o_buffer == nullptr)

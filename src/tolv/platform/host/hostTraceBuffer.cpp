@@ -6,12 +6,12 @@
 #include "tolv/platform/host/hostTraceSegment.hpp"
 
 #include <sys/syscall.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 
 #include <algorithm>
 
@@ -27,9 +27,9 @@ constexpr std::size_t MAX_ENTRY = 512;
 
 struct Buffer
 {
-    char name[SEGMENT_NAME_ROOM];
-    std::uint32_t size;    // of the ring, bytes
     TraceSegment* segment; // null when the memory for a new one was short
+    char name[SEGMENT_NAME_ROOM];
+    std::uint32_t size; // of the ring, bytes
     bool isShared;
 };
 
@@ -111,7 +111,7 @@ bool add(const char* i_name, std::uint32_t i_size) TOLV_REQUIRES(g_lock)
         g_watchesForks = true;
     }
     Buffer& l_buffer = g_buffers[g_bufferCount];
-    std::strcpy(l_buffer.name, i_name);
+    std::memcpy(l_buffer.name, i_name, std::strlen(i_name) + 1);
     l_buffer.size = i_size;
     if (!provide(l_buffer))
     {
@@ -137,7 +137,7 @@ std::uint32_t ringSize(unsigned int i_size)
 class Entry
 {
   public:
-    Entry() : iv_Length(0)
+    Entry() : iv_Line(), iv_Length(0)
     {
         timespec l_now = {};
         clock_gettime(CLOCK_REALTIME, &l_now);

@@ -89,7 +89,7 @@ bool readSegment(const char* i_path, TraceSnapshot& o_snapshot)
 {
     const Descriptor l_file(
         open(i_path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    Header l_before;
+    Header l_before = {};
     if (!l_file || !readHeader(l_file.get(), l_before))
     {
         return false;
@@ -99,7 +99,7 @@ bool readSegment(const char* i_path, TraceSnapshot& o_snapshot)
     {
         // The lines up to the end that was read before the ring are all in
         // it, but for those that the begin read after it has left behind.
-        Header l_after;
+        Header l_after = {};
         if (!readAt(l_file.get(), l_ring.data(), l_ring.size(),
                     sizeof(Header)) ||
             !readHeader(l_file.get(), l_after))

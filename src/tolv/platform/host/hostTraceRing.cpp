@@ -32,7 +32,7 @@ TraceRing::TraceRing(TraceSegment* i_segment, std::uint32_t i_textSize) :
 
 char& TraceRing::at(std::uint32_t i_position) const
 {
-    return iv_Segment->text()[i_position & (iv_Size - 1)];
+    return ringOf(iv_Segment)[i_position & (iv_Size - 1)];
 }
 
 // Where the line after the one at i_from begins.

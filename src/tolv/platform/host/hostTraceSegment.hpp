@@ -31,17 +31,18 @@ struct TraceSegment
     std::uint32_t reserved; // 0
     char name[32];          // of the buffer, filled up with zeros
     char program[64];       // that writes, filled up with zeros
-
-    char* text()
-    {
-        return reinterpret_cast<char*>(this + 1);
-    }
 };
 static_assert(sizeof(TraceSegment) == 128, "segment layout");
 static_assert(offsetof(TraceSegment, begin) == 16, "segment layout");
 static_assert(offsetof(TraceSegment, name) == 32, "segment layout");
 static_assert(std::atomic<std::uint32_t>::is_always_lock_free,
               "shared with other processes");
+
+/// Where the ring of a segment begins.
+inline char* ringOf(TraceSegment* i_segment)
+{
+    return reinterpret_cast<char*>(i_segment + 1);
+}
 
 constexpr std::uint32_t SEGMENT_MAGIC = 0x544F4C56; // "TOLV"
 constexpr std::uint32_t SEGMENT_VERSION = 1;
