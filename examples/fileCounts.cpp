@@ -31,7 +31,7 @@ struct Counts
 class FileCounter : public tolv::Base
 {
   public:
-    explicit FileCounter(std::vector<std::string> i_paths) :
+    explicit FileCounter(const std::vector<std::string>& i_paths) :
         iv_Paths(i_paths), iv_Counts(i_paths.size()), iv_Errors(i_paths.size())
     {
     }

@@ -19,7 +19,7 @@ inline tolv::DataBuff bufferOf(const std::string& i_bytes,
 inline std::string bytesOf(const tolv::DataBuff& i_buffer)
 {
     std::string l_bytes(i_buffer.getSize(), '\0');
-    i_buffer.Peek(0, &l_bytes[0], i_buffer.getSize());
+    i_buffer.Peek(0, l_bytes.data(), i_buffer.getSize());
     return l_bytes;
 }
 

@@ -76,7 +76,6 @@ void expectNext(M T::*i_member, std::size_t i_index, std::size_t& io_end)
 {
     const std::size_t l_expected = alignedUp(io_end, alignof(M));
     EXPECT_EQ(l_expected, memberOffset(i_member)) << "member " << i_index;
-    // NOLINTNEXTLINE(bugprone-sizeof-expression): a pointer's own size counts
     io_end = l_expected + sizeof(M);
 }
 

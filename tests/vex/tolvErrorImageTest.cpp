@@ -156,7 +156,7 @@ TEST(ErrorImageTest, MoreRoomThanNeededIsLeftUntouched)
     const auto l_block = exactBlock(l_image);
     const Error l_error(l_block.get(), l_image.size());
     std::string l_buffer(l_image.size() + 3, UNTOUCHED);
-    EXPECT_TRUE(l_error.flatten(&l_buffer[0], l_buffer.size()));
+    EXPECT_TRUE(l_error.flatten(l_buffer.data(), l_buffer.size()));
     EXPECT_EQ(l_image + std::string(3, UNTOUCHED), l_buffer);
 }
 

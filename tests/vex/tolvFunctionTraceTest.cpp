@@ -140,8 +140,8 @@ TEST_F(FunctionTraceTest, TextWithoutANameIsCopiedWhole)
 
 TEST_F(FunctionTraceTest, NameIsACopy)
 {
-    char l_pretty[] = "void f()";
     {
+        char l_pretty[] = "void f()";
         const FunctionTrace l_trace(iv_Stream, "a/b.cpp", 1, l_pretty, nullptr);
         std::memset(l_pretty, 'x', sizeof(l_pretty) - 1);
     }
