@@ -72,11 +72,14 @@ bool parseSequence(const char* i_name, std::uint64_t& o_sequence)
 // What a process was writing when it died.
 bool isLeftOver(const char* i_name)
 {
+    if (!hasPrefix(i_name, NEW_PREFIX))
+    {
+        return false;
+    }
     const char* l_rest = i_name + std::strlen(NEW_PREFIX);
     std::uint64_t l_pid = 0;
     std::uint64_t l_count = 0;
-    return hasPrefix(i_name, NEW_PREFIX) &&
-           takeNumber(l_rest, 10, INT_MAX, l_pid) && *l_rest++ == '.' &&
+    return takeNumber(l_rest, 10, INT_MAX, l_pid) && *l_rest++ == '.' &&
            takeNumber(l_rest, 10, UINT_MAX, l_count) && *l_rest == '\0' &&
            l_pid != 0 && !isRunning(static_cast<pid_t>(l_pid), 0);
 }
