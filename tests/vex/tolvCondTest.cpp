@@ -97,6 +97,9 @@ class HeldWaiter
         iv_Thread.join();
     }
 
+    HeldWaiter(const HeldWaiter&) = delete;
+    HeldWaiter& operator=(const HeldWaiter&) = delete;
+
     void notifyAndHold() TOLV_ACQUIRE(iv_Mutex)
     {
         iv_Mutex.Lock();

@@ -90,14 +90,14 @@ class function_caller<FunctionRef<Recorded>> : public function_base
 
     ~function_caller() override
     {
-        Recorded::s_events.push_back("deleted");
+        Recorded::s_events.emplace_back("deleted");
     }
 
     void invoke() override {}
 
     function_base* clone() const override
     {
-        Recorded::s_events.push_back("cloned");
+        Recorded::s_events.emplace_back("cloned");
         return new function_caller(*this);
     }
 };

@@ -118,7 +118,7 @@ Suicide* function_caller<FunctionRef<Suicide>>::s_Job = nullptr;
 
 struct CurrentThread
 {
-    typedef Thread* (*type)();
+    using type = Thread* (*)();
     friend type get(CurrentThread);
 };
 template struct PrivateMember<CurrentThread, &Thread::current>;
