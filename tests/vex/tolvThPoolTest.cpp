@@ -892,8 +892,8 @@ struct Speaker
 {
     void run()
     {
-        static thread_local LastWords t_words;
-        t_words.use(iv_Pool);
+        static thread_local LastWords l_words;
+        l_words.use(iv_Pool);
         ++iv_Runs;
         waitFor([this] { return !iv_Hold; });
     }
