@@ -138,6 +138,8 @@ bool ThreadPool::Shutdown(unsigned int i_seconds)
             }
             // The last one may have left between the time-out and the lock.
             l_timedOut = !isStopped(l_run);
+            // The wait lets other threads change iv_Run.
+            // cppcheck-suppress knownConditionTrueFalse
             if (!l_timedOut && iv_Run == l_run)
             {
                 l_stopped.swap(iv_Threads);
