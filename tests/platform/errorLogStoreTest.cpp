@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -346,6 +347,29 @@ TEST_F(ErrorLogStoreTest, FailedStepLeavesNothingAndErrnoAlone)
     commitOne(3);
     ASSERT_EQ(2U, names().size());
     EXPECT_EQ(3U, valueIn(names()[1]));
+}
+
+TEST_F(ErrorLogStoreTest, LimitOfFileSizesStoresNothingAndEndsNoProcess)
+{
+    const pid_t l_child = startChild(
+        [this]
+        {
+            g_recordCalls = true;
+            rlimit l_limit = {};
+            EXPECT_EQ(0, getrlimit(RLIMIT_FSIZE, &l_limit));
+            l_limit.rlim_cur = ErrorLogEntry().flattenedSize() - 1;
+            EXPECT_EQ(0, setrlimit(RLIMIT_FSIZE, &l_limit));
+            commitOne(1);
+            EXPECT_NE(std::string::npos, g_logLine.find(", not stored, errno " +
+                                                        std::to_string(EFBIG)))
+                << g_logLine;
+            l_limit.rlim_cur += 1;
+            EXPECT_EQ(0, setrlimit(RLIMIT_FSIZE, &l_limit));
+            commitOne(2);
+        });
+    EXPECT_EQ(0, waitForChild(l_child));
+    ASSERT_EQ(1U, names().size());
+    EXPECT_EQ(2U, valueIn(names()[0]));
 }
 
 TEST_F(ErrorLogStoreTest, OldestIsDroppedWhenTheLogIsFull)

@@ -12,6 +12,7 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -253,6 +254,25 @@ TEST_F(TraceSegmentTest, NameThatCannotBeTakenGivesNoSegment)
     std::filesystem::create_directory(ownPath());
     EXPECT_EQ(nullptr, createSharedSegment("A", SIZE));
     EXPECT_TRUE(std::filesystem::is_directory(ownPath()));
+}
+
+TEST_F(TraceSegmentTest, LimitOfFileSizesGivesNoSegmentAndEndsNoProcess)
+{
+    const pid_t l_child = startChild(
+        [this]
+        {
+            rlimit l_limit = {};
+            EXPECT_EQ(0, getrlimit(RLIMIT_FSIZE, &l_limit));
+            l_limit.rlim_cur = 128 + SIZE - 1;
+            EXPECT_EQ(0, setrlimit(RLIMIT_FSIZE, &l_limit));
+            EXPECT_EQ(nullptr, createSharedSegment("A", SIZE));
+            EXPECT_EQ(EFBIG, errno);
+            EXPECT_TRUE(names().empty());
+            l_limit.rlim_cur = 128 + SIZE;
+            EXPECT_EQ(0, setrlimit(RLIMIT_FSIZE, &l_limit));
+            EXPECT_NE(nullptr, createSharedSegment("A", SIZE));
+        });
+    EXPECT_EQ(0, waitForChild(l_child));
 }
 
 TEST_F(TraceSegmentTest, FileFromBeforeAnExecIsReplaced)

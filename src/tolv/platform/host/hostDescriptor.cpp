@@ -2,6 +2,7 @@
 
 #include "tolv/platform/host/hostErrno.hpp"
 
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -70,6 +71,13 @@ bool writeAll(int i_fd, const void* i_bytes, std::size_t i_size)
         }
     }
     return true;
+}
+
+bool mayGrowTo(std::size_t i_size)
+{
+    rlimit l_limit = {};
+    return getrlimit(RLIMIT_FSIZE, &l_limit) == -1 ||
+           i_size <= l_limit.rlim_cur || failed(EFBIG);
 }
 
 const char* folderFrom(const char* i_variable, const char* i_default)

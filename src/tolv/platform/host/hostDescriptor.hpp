@@ -54,6 +54,12 @@ bool readAll(int i_fd, void* o_buffer, std::size_t i_size, std::size_t& o_done);
 /// Returns: false with errno when not everything could be written.
 bool writeAll(int i_fd, const void* i_bytes, std::size_t i_size);
 
+/// Whether a file of this process may become so large. Growing one beyond the
+/// limit (RLIMIT_FSIZE) would end the process with SIGXFSZ.
+///
+/// Returns: false with EFBIG.
+bool mayGrowTo(std::size_t i_size);
+
 /// Returns: the folder that the environment names, or the default when it
 ///          names none or the program runs with more rights than its user's.
 const char* folderFrom(const char* i_variable, const char* i_default);

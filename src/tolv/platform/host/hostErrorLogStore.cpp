@@ -200,6 +200,10 @@ void dropOldest(int i_folder)
 bool storeLogEntry(const void* i_bytes, std::size_t i_size,
                    char (&o_name)[LOG_NAME_ROOM])
 {
+    if (!mayGrowTo(i_size))
+    {
+        return false;
+    }
     const Descriptor l_folder = openFolder();
     if (!l_folder)
     {

@@ -207,6 +207,11 @@ bool isSegmentName(const char* i_name)
 
 TraceSegment* createSharedSegment(const char* i_name, std::uint32_t i_textSize)
 {
+    const std::size_t l_size = segmentSize(i_textSize);
+    if (!mayGrowTo(l_size))
+    {
+        return nullptr;
+    }
     const Descriptor l_folder(open(folderFrom(FOLDER_VARIABLE, DEFAULT_FOLDER),
                                    O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!l_folder)
@@ -226,7 +231,7 @@ TraceSegment* createSharedSegment(const char* i_name, std::uint32_t i_textSize)
     {
         return nullptr;
     }
-    void* l_memory = mapFile(l_file, segmentSize(i_textSize));
+    void* l_memory = mapFile(l_file, l_size);
     if (l_memory == MAP_FAILED)
     {
         const ErrnoKeeper l_keeper;
