@@ -33,6 +33,7 @@ using namespace tolvhost;
 
 // The room for a segment and its mapping, as the platform is compiled.
 int g_allocationError = 0;
+int g_interruptions = 0; // before the room is given
 bool g_mappingFails = false;
 
 extern "C"
@@ -47,6 +48,11 @@ extern "C"
 
 int __wrap_posix_fallocate64(int i_fd, off64_t i_from, off64_t i_size)
 {
+    if (g_interruptions > 0)
+    {
+        --g_interruptions;
+        return EINTR;
+    }
     return g_allocationError != 0
                ? g_allocationError
                : __real_posix_fallocate64(i_fd, i_from, i_size);
@@ -254,6 +260,16 @@ TEST_F(TraceSegmentTest, NameThatCannotBeTakenGivesNoSegment)
     std::filesystem::create_directory(ownPath());
     EXPECT_EQ(nullptr, createSharedSegment("A", SIZE));
     EXPECT_TRUE(std::filesystem::is_directory(ownPath()));
+}
+
+TEST_F(TraceSegmentTest, InterruptedAllocationIsTriedAgain)
+{
+    g_interruptions = 2;
+    TraceSegment* l_segment = createSharedSegment("A", SIZE);
+    ASSERT_NE(nullptr, l_segment);
+    EXPECT_EQ(0, g_interruptions);
+    EXPECT_EQ(128U + SIZE, std::filesystem::file_size(ownPath()));
+    releaseSegment(l_segment, SIZE);
 }
 
 TEST_F(TraceSegmentTest, LimitOfFileSizesGivesNoSegmentAndEndsNoProcess)

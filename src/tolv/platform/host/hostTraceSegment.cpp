@@ -170,8 +170,11 @@ std::size_t segmentSize(std::uint32_t i_textSize)
 // would end the process.
 void* mapFile(const Descriptor& i_file, std::size_t i_size)
 {
-    const int l_error =
-        posix_fallocate(i_file.get(), 0, static_cast<off_t>(i_size));
+    int l_error = EINTR;
+    while (l_error == EINTR)
+    {
+        l_error = posix_fallocate(i_file.get(), 0, static_cast<off_t>(i_size));
+    }
     if (l_error != 0)
     {
         errno = l_error;
