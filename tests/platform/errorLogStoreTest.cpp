@@ -35,10 +35,12 @@ enum class Call
     WRITE,
     SYNC_FILE,
     RENAME,
-    SYNC_FOLDER
+    SYNC_FOLDER,
+    REMOVE
 };
 
 std::vector<Call> g_calls;
+std::vector<std::string> g_syncedFolders;
 bool g_recordCalls = false; // calls of one thread
 Call g_failing = Call::NONE;
 Call g_deadlyBefore = Call::NONE;
@@ -57,6 +59,8 @@ extern "C"
                         const char* i_new);
     int __wrap_renameat(int i_from, const char* i_old, int i_to,
                         const char* i_new);
+    int __real_unlinkat(int i_folder, const char* i_name, int i_flags);
+    int __wrap_unlinkat(int i_folder, const char* i_name, int i_flags);
     void __wrap_syslog(int i_priority, const char* i_format, ...)
         __attribute__((format(printf, 2, 3)));
     void __wrap_openlog(const char* i_name, int i_option, int i_facility);
@@ -109,14 +113,28 @@ ssize_t __wrap_write(int i_fd, const void* i_bytes, size_t i_size)
 
 int __wrap_fsync(int i_fd)
 {
-    return call(isFolder(i_fd) ? Call::SYNC_FOLDER : Call::SYNC_FILE,
-                [=] { return __real_fsync(i_fd); });
+    if (!isFolder(i_fd))
+    {
+        return call(Call::SYNC_FILE, [=] { return __real_fsync(i_fd); });
+    }
+    if (g_recordCalls)
+    {
+        g_syncedFolders.push_back(std::filesystem::read_symlink(
+            "/proc/self/fd/" + std::to_string(i_fd)));
+    }
+    return call(Call::SYNC_FOLDER, [=] { return __real_fsync(i_fd); });
 }
 
 int __wrap_renameat(int i_from, const char* i_old, int i_to, const char* i_new)
 {
     return call(Call::RENAME,
                 [=] { return __real_renameat(i_from, i_old, i_to, i_new); });
+}
+
+int __wrap_unlinkat(int i_folder, const char* i_name, int i_flags)
+{
+    return call(Call::REMOVE,
+                [=] { return __real_unlinkat(i_folder, i_name, i_flags); });
 }
 
 // Not recorded in the tests with threads: they do not look at it.
@@ -319,16 +337,32 @@ TEST_F(ErrorLogStoreTest, UnusableFolderIsQuietAndToldToTheSystemLog)
     }
 }
 
-TEST_F(ErrorLogStoreTest, FileIsSyncedBeforeItIsRenamedAndTheFolderAfterwards)
+TEST_F(ErrorLogStoreTest, EntryIsSafeBeforeTheOldestIsDropped)
 {
+    for (unsigned int l_old = 1; l_old <= tolvhost::MAX_LOG_ENTRIES; ++l_old)
+    {
+        addOld(l_old);
+    }
     g_recordCalls = true;
     commitOne(1);
     std::vector<Call> l_calls = g_calls;
     l_calls.erase(std::unique(l_calls.begin(), l_calls.end()), l_calls.end());
     EXPECT_EQ((std::vector<Call>{Call::WRITE, Call::SYNC_FILE, Call::RENAME,
-                                 Call::SYNC_FOLDER}),
+                                 Call::SYNC_FOLDER, Call::REMOVE}),
               l_calls);
     EXPECT_LT(4U, g_calls.size()) << "short writes go on";
+}
+
+TEST_F(ErrorLogStoreTest, FoldersThatAreMadeAreSyncedIntoTheirParents)
+{
+    g_recordCalls = true;
+    commitOne(1);
+    const std::string l_top = std::filesystem::canonical(iv_Folder.path());
+    EXPECT_EQ(
+        (std::vector<std::string>{l_top, l_top + "/var", l_top + "/var/log"}),
+        g_syncedFolders);
+    ASSERT_LE(2U, g_calls.size());
+    EXPECT_EQ(Call::SYNC_FOLDER, g_calls[1]) << "before the entry is written";
 }
 
 TEST_F(ErrorLogStoreTest, FailedStepLeavesNothingAndErrnoAlone)
@@ -460,10 +494,10 @@ TEST_F(ErrorLogStoreTest, KilledWriterLeavesTheOldOrTheNewState)
         Call after;
         std::size_t entries;
     } DEATHS[] = {
-        {Call::WRITE, Call::NONE, 1},      {Call::NONE, Call::WRITE, 1},
-        {Call::SYNC_FILE, Call::NONE, 1},  {Call::NONE, Call::SYNC_FILE, 1},
-        {Call::RENAME, Call::NONE, 1},     {Call::NONE, Call::RENAME, 2},
-        {Call::SYNC_FOLDER, Call::NONE, 3}};
+        {Call::WRITE, Call::NONE, 1},       {Call::NONE, Call::WRITE, 1},
+        {Call::SYNC_FILE, Call::NONE, 1},   {Call::NONE, Call::SYNC_FILE, 1},
+        {Call::RENAME, Call::NONE, 1},      {Call::NONE, Call::RENAME, 2},
+        {Call::SYNC_FOLDER, Call::NONE, 3}, {Call::NONE, Call::SYNC_FOLDER, 4}};
     for (const auto& l_death : DEATHS)
     {
         const pid_t l_child = startChild(
@@ -477,7 +511,7 @@ TEST_F(ErrorLogStoreTest, KilledWriterLeavesTheOldOrTheNewState)
         EXPECT_EQ(l_death.entries, wholeEntries());
     }
     commitOne(3);
-    EXPECT_EQ(4U, names().size()) << "what the dead were writing is removed";
+    EXPECT_EQ(5U, names().size()) << "what the dead were writing is removed";
 }
 
 TEST_F(ErrorLogStoreTest, WriterKilledAtAnyMomentLeavesOnlyWholeEntries)

@@ -28,6 +28,7 @@ namespace
 
 constexpr char FOLDER_VARIABLE[] = "TOLV_ERRORLOG";
 constexpr char DEFAULT_FOLDER[] = "/var/lib/tolv/errorlog";
+constexpr int FOLDER_MODE = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
 
 // Names in the folder: "entry.SEQUENCE.PID.COUNT" and, while it is written,
 // "new.PID.COUNT". The sequence has a fixed width, so that the order of the
@@ -87,7 +88,7 @@ bool isLeftOver(const char* i_name)
 // Looks at every name of the folder and removes what dead writers left.
 bool list(int i_folder, Listing& o_listing)
 {
-    Descriptor l_fd(openat(i_folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    Descriptor l_fd(openat(i_folder, ".", FOLDER_MODE));
     if (!l_fd)
     {
         return false;
@@ -126,6 +127,17 @@ bool list(int i_folder, Listing& o_listing)
     return true;
 }
 
+// Makes the folder if it is missing, so that it is there after a crash.
+void makeFolder(const char* i_path)
+{
+    if (mkdir(i_path, 0755) == 0)
+    {
+        const Descriptor l_folder(open(i_path, FOLDER_MODE));
+        const Descriptor l_parent(openat(l_folder.get(), "..", FOLDER_MODE));
+        fsync(l_parent.get());
+    }
+}
+
 // Makes every missing folder of the path; whether that was enough shows when
 // the last one is opened.
 void makeFolders(const char* i_path)
@@ -141,21 +153,20 @@ void makeFolders(const char* i_path)
          l_slash = std::strchr(l_slash + 1, '/'))
     {
         *l_slash = '\0';
-        mkdir(l_path, 0755);
+        makeFolder(l_path);
         *l_slash = '/';
     }
-    mkdir(l_path, 0755);
+    makeFolder(l_path);
 }
 
 Descriptor openFolder()
 {
-    const int MODE = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
     const char* l_path = folderFrom(FOLDER_VARIABLE, DEFAULT_FOLDER);
-    Descriptor l_folder(open(l_path, MODE));
+    Descriptor l_folder(open(l_path, FOLDER_MODE));
     if (!l_folder && errno == ENOENT)
     {
         makeFolders(l_path);
-        l_folder = Descriptor(open(l_path, MODE));
+        l_folder = Descriptor(open(l_path, FOLDER_MODE));
     }
     return l_folder;
 }
@@ -239,8 +250,10 @@ bool storeLogEntry(const void* i_bytes, std::size_t i_size,
         unlinkat(l_folder.get(), l_temporary, 0);
         return false;
     }
-    dropOldest(l_folder.get());
+    // In this order: a crash between the two must not lose both the oldest
+    // entry and this one.
     fsync(l_folder.get());
+    dropOldest(l_folder.get());
     return true;
 }
 

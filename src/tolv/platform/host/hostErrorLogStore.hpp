@@ -18,7 +18,8 @@ constexpr std::size_t LOG_NAME_ROOM = 64;
 ///
 /// Returns: true with the file's name, or false with errno.
 /// Blocks:  while the storage does: the file and its folder are synced.
-/// Threads: any, and any number of processes on one machine.
+/// Threads: any, and any number of processes of one machine and PID
+///          namespace.
 bool storeLogEntry(const void* i_bytes, std::size_t i_size,
                    char (&o_name)[LOG_NAME_ROOM]);
 
