@@ -10,12 +10,32 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
+#include <cstddef>
 
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <new>
 #include <string>
+
+// How many requests for memory still succeed.
+unsigned int g_requestsLeft = UINT_MAX;
+
+// The platform asks for memory in this way only.
+void* operator new(std::size_t i_size, const std::nothrow_t& /*i_tag*/) noexcept
+{
+    return g_requestsLeft == 0 ? nullptr
+                               : (--g_requestsLeft, ::operator new(i_size));
+}
+
+void* operator new[](std::size_t i_size,
+                     const std::nothrow_t& /*i_tag*/) noexcept
+{
+    return g_requestsLeft == 0 ? nullptr
+                               : (--g_requestsLeft, ::operator new[](i_size));
+}
 
 namespace
 {
@@ -222,4 +242,43 @@ TEST_F(PlatformFileTest, DescriptorIsClosedOnExecAndAtTheEnd)
         EXPECT_EQ(l_before + 1, openDescriptors());
     }
     EXPECT_EQ(l_before, openDescriptors());
+}
+
+TEST_F(PlatformFileTest, FileThatFoundNoMemoryFailsWithAnEntry)
+{
+    write("text");
+    for (const unsigned int l_requests : {0U, 1U})
+    {
+        g_requestsLeft = l_requests;
+        PlatformFile l_file(iv_Path.c_str());
+        EXPECT_EQ(0U, g_requestsLeft);
+        g_requestsLeft = UINT_MAX;
+        l_file.Open("r", false);
+        char l_byte = 0;
+        EXPECT_EQ(0U, l_file.read(&l_byte, 1));
+        l_file.Close();
+        const auto l_entry = taken(l_file);
+        ASSERT_NE(nullptr, l_entry);
+        EXPECT_EQ(PlatformFile::REASON_OPEN, l_entry->value(7));
+        EXPECT_EQ(static_cast<unsigned int>(ENOMEM), l_entry->value(8));
+    }
+}
+
+TEST_F(PlatformFileTest, FailureWithoutMemoryForItsEntryIsSurvived)
+{
+    PlatformFile l_file(iv_Path.c_str());
+    g_requestsLeft = 0;
+    l_file.Open("r", false);
+    g_requestsLeft = UINT_MAX;
+    EXPECT_EQ(nullptr, taken(l_file));
+    char l_byte = 0;
+    EXPECT_EQ(0U, l_file.read(&l_byte, 1));
+    expectError(l_file, PlatformFile::REASON_READ, EBADF);
+}
+
+TEST_F(PlatformFileTest, ReasonsKeepTheirValues)
+{
+    EXPECT_EQ(0x0101, PlatformFile::REASON_OPEN);
+    EXPECT_EQ(0x0102, PlatformFile::REASON_READ);
+    EXPECT_EQ(0x0103, PlatformFile::REASON_CLOSE);
 }

@@ -11,7 +11,11 @@ class ErrorLogEntry;
 ///
 /// Errors:  a failed operation leaves an error-log entry for takeError(), with
 ///          one of the reasons below as value 7 and errno as value 8. While
-///          one waits to be taken, further failures make no other.
+///          one waits to be taken, further failures make no other. A file that
+///          found no memory when it was made opens and reads nothing;
+///          takeError() gives a new entry with REASON_OPEN and ENOMEM each
+///          time. Where memory is too short for an entry there is none, or a
+///          blank one. Nothing is thrown.
 /// Threads: one thread at a time.
 class TOLV_EXPORT PlatformFile
 {
@@ -57,7 +61,7 @@ class TOLV_EXPORT PlatformFile
   private:
     class Data;
 
-    Data* iv_Data; // owned
+    Data* iv_Data; // owned; null when memory was short
 };
 
 #endif

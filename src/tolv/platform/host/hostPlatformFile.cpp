@@ -10,14 +10,14 @@
 
 #include <memory>
 #include <new>
-#include <string>
+#include <utility>
 
 using tolvhost::Descriptor;
 
 class PlatformFile::Data
 {
   public:
-    std::string path;
+    std::unique_ptr<char[]> path;
     Descriptor file;
     std::unique_ptr<ErrorLogEntry> error; // waits for takeError()
 };
@@ -27,16 +27,33 @@ namespace
 
 constexpr int UNKNOWN_MODE = -1;
 
+ErrorLogEntry* newEntry(PlatformFile::REASON i_reason, int i_errno)
+{
+    return new (std::nothrow)
+        ErrorLogEntry(0, 0, 0, 0, 0, 0, 0, i_reason,
+                      static_cast<unsigned int>(i_errno), 0, 0, 0, 0, 0, 0);
+}
+
 // Keeps what went wrong, with errno, unless an earlier failure waits.
 void fail(std::unique_ptr<ErrorLogEntry>& io_pending,
           PlatformFile::REASON i_reason)
 {
     if (io_pending == nullptr)
     {
-        const unsigned int l_errno = static_cast<unsigned int>(errno);
-        io_pending.reset(new (std::nothrow) ErrorLogEntry(
-            0, 0, 0, 0, 0, 0, 0, i_reason, l_errno, 0, 0, 0, 0, 0, 0));
+        io_pending.reset(newEntry(i_reason, errno));
     }
+}
+
+// Null when memory is short.
+std::unique_ptr<char[]> copyOf(const char* i_text)
+{
+    const std::size_t l_size = std::strlen(i_text) + 1;
+    std::unique_ptr<char[]> l_copy(new (std::nothrow) char[l_size]);
+    if (l_copy != nullptr)
+    {
+        std::memcpy(l_copy.get(), i_text, l_size);
+    }
+    return l_copy;
 }
 
 int firstFlags(char i_letter, bool i_update)
@@ -77,11 +94,16 @@ int openFlags(const char* i_mode)
 
 } // namespace
 
-PlatformFile::PlatformFile(const char* i_path) : iv_Data(new Data)
+PlatformFile::PlatformFile(const char* i_path) : iv_Data(nullptr)
 {
-    if (i_path != nullptr)
+    std::unique_ptr<char[]> l_path = copyOf(i_path == nullptr ? "" : i_path);
+    if (l_path != nullptr)
     {
-        iv_Data->path = i_path;
+        iv_Data = new (std::nothrow) Data;
+    }
+    if (iv_Data != nullptr)
+    {
+        iv_Data->path = std::move(l_path);
     }
 }
 
@@ -92,6 +114,10 @@ PlatformFile::~PlatformFile()
 
 void PlatformFile::Open(const char* i_mode, bool /*i_flag*/)
 {
+    if (iv_Data == nullptr)
+    {
+        return;
+    }
     const int l_flags = openFlags(i_mode);
     if (iv_Data->file)
     {
@@ -105,7 +131,7 @@ void PlatformFile::Open(const char* i_mode, bool /*i_flag*/)
         fail(iv_Data->error, REASON_OPEN);
         return;
     }
-    iv_Data->file = Descriptor(open(iv_Data->path.c_str(), l_flags, 0666));
+    iv_Data->file = Descriptor(open(iv_Data->path.get(), l_flags, 0666));
     if (!iv_Data->file)
     {
         fail(iv_Data->error, REASON_OPEN);
@@ -115,7 +141,8 @@ void PlatformFile::Open(const char* i_mode, bool /*i_flag*/)
 unsigned int PlatformFile::read(void* o_buffer, unsigned int i_count)
 {
     std::size_t l_done = 0;
-    if (!tolvhost::readAll(iv_Data->file.get(), o_buffer, i_count, l_done))
+    if (iv_Data != nullptr &&
+        !tolvhost::readAll(iv_Data->file.get(), o_buffer, i_count, l_done))
     {
         fail(iv_Data->error, REASON_READ);
     }
@@ -124,7 +151,7 @@ unsigned int PlatformFile::read(void* o_buffer, unsigned int i_count)
 
 void PlatformFile::Close()
 {
-    if (iv_Data->file.close() != 0)
+    if (iv_Data != nullptr && iv_Data->file.close() != 0)
     {
         fail(iv_Data->error, REASON_CLOSE);
     }
@@ -132,5 +159,6 @@ void PlatformFile::Close()
 
 ErrorLogEntry* PlatformFile::takeError()
 {
-    return iv_Data->error.release();
+    return iv_Data == nullptr ? newEntry(REASON_OPEN, ENOMEM)
+                              : iv_Data->error.release();
 }
