@@ -1,5 +1,7 @@
 #include "support/objectLayout.hpp"
 
+#include "tolv/platform/errorLogEntry.hpp"
+#include "tolv/platform/platformFile.hpp"
 #include "tolv/tolv.hpp"
 
 #include <gtest/gtest.h>
@@ -132,4 +134,16 @@ TEST(ObjectLayoutTest, DataBuffIsSizeOffsetData)
 TEST(ObjectLayoutTest, ThreadPoolKeepsItsOrder)
 {
     expectLayout<ThreadPool>(0);
+}
+
+TEST(ObjectLayoutTest, ErrorLogEntryIsOnePointer)
+{
+    EXPECT_EQ(sizeof(void*), sizeof(ErrorLogEntry));
+    EXPECT_EQ(alignof(void*), alignof(ErrorLogEntry));
+}
+
+TEST(ObjectLayoutTest, PlatformFileIsOnePointer)
+{
+    EXPECT_EQ(sizeof(void*), sizeof(PlatformFile));
+    EXPECT_EQ(alignof(void*), alignof(PlatformFile));
 }

@@ -430,3 +430,9 @@ TEST_F(ErrorLogEntryTest, ShortMemoryLaterLeavesTheEntryAsItWas)
     g_memoryIsShort = false;
     EXPECT_EQ(l_before, flat(l_entry));
 }
+
+TEST_F(ErrorLogEntryTest, CountsOfValuesKeepTheirValues)
+{
+    EXPECT_EQ(15, ErrorLogEntry::VALUE_COUNT);
+    EXPECT_EQ(4, ErrorLogEntry::COMMIT_VALUE_COUNT);
+}
