@@ -20,6 +20,12 @@ endif()
 set(TOLV_TEST_TIMEOUT_FACTOR 1 CACHE STRING
   "How many times longer a test may take here than natively")
 
+# Where tests write that give no folder of their own: neither the machine's
+# shared memory nor its error log is theirs to fill.
+set(TOLV_TEST_SCRATCH "${CMAKE_BINARY_DIR}/scratch")
+file(REMOVE_RECURSE "${TOLV_TEST_SCRATCH}")
+file(MAKE_DIRECTORY "${TOLV_TEST_SCRATCH}/errorlog")
+
 # What tolv_test() and tolv_sctp_test() have in common.
 function(tolv_test_program NAME SOURCE)
   cmake_parse_arguments(PARSE_ARGV 2 ARG "" "" "WRAP;SOURCES;LIBRARIES")
@@ -62,7 +68,11 @@ function(tolv_test SOURCE)
     SOURCES ${ARG_SOURCES} LIBRARIES ${ARG_LIBRARIES})
   math(EXPR l_timeout "${ARG_TIMEOUT} * ${TOLV_TEST_TIMEOUT_FACTOR}")
   gtest_discover_tests(${l_name} TEST_PREFIX "${l_prefix}" DISCOVERY_TIMEOUT 60
-    PROPERTIES TIMEOUT ${l_timeout})
+    PROPERTIES TIMEOUT ${l_timeout}
+      # Two properties, because a list does not survive the way to ctest.
+      ENVIRONMENT "TOLV_TRACE_DIR=${TOLV_TEST_SCRATCH}"
+      ENVIRONMENT_MODIFICATION
+        "TOLV_ERRORLOG=set:${TOLV_TEST_SCRATCH}/errorlog")
 endfunction()
 
 # tolv_sctp_test(SOURCE [WRAP function ...] [SOURCES file ...])

@@ -25,6 +25,25 @@ check()
     fi
 }
 
+# refuses TEXT COMMAND [ARGUMENT ...]: shows that a checker, given a bad sample,
+# can fail: succeeds when the command fails and what it prints contains TEXT, so
+# that it failed for the right reason.
+refuses()
+{
+    local text=$1 output
+    shift
+    if output=$("$@" 2>&1)
+    then
+        printf 'accepted a bad sample: %s\n%s\n' "$*" "$output"
+        return 1
+    fi
+    if [[ $output != *"$text"* ]]
+    then
+        printf 'refused, but not for "%s": %s\n%s\n' "$text" "$*" "$output"
+        return 1
+    fi
+}
+
 # skip NAME REASON: says loudly what could not run; never counts as passed.
 skip()
 {
@@ -56,6 +75,19 @@ addResults()
 buildPreset()
 {
     cmake --preset "$1" && cmake --build --preset "$1" -- -k 0
+}
+
+# buildSample PRESET NAME: compiles the program on standard input with the
+# compiler and the flags that the preset gives the library, to
+# build/PRESET/samples/NAME.
+buildSample()
+{
+    local folder=build/$1/samples command
+    mkdir -p "$folder" && cat >"$folder/$2.cpp" &&
+        command=$(scripts/list-commands "build/$1" src/tolv/vex |
+            sed -nE '3s/ -o .*//p') && [ -n "$command" ] || return
+    # shellcheck disable=SC2086 # plain words, as the build writes them
+    $command -pthread "$folder/$2.cpp" -o "$folder/$2"
 }
 
 # testPreset PRESET JOBS: runs every test of a built preset, JOBS at a time,
