@@ -386,7 +386,7 @@ TEST_F(ErrorLogStoreTest, FailedStepLeavesNothingAndErrnoAlone)
 TEST_F(ErrorLogStoreTest, LimitOfFileSizesStoresNothingAndEndsNoProcess)
 {
     const pid_t l_child = startChild(
-        [this]
+        []
         {
             g_recordCalls = true;
             rlimit l_limit = {};
