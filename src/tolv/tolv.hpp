@@ -6,6 +6,7 @@
 #include "tolv/vex/tolvCond.hpp"
 #include "tolv/vex/tolvDataBuff.hpp"
 #include "tolv/vex/tolvError.hpp"
+#include "tolv/vex/tolvEventHandler.hpp"
 #include "tolv/vex/tolvExport.hpp"
 #include "tolv/vex/tolvFunction.hpp"
 #include "tolv/vex/tolvMutex.hpp"
