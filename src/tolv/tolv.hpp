@@ -5,6 +5,7 @@
 #include "tolv/vex/tolvBase.hpp"
 #include "tolv/vex/tolvCond.hpp"
 #include "tolv/vex/tolvDataBuff.hpp"
+#include "tolv/vex/tolvDispatcher.hpp"
 #include "tolv/vex/tolvError.hpp"
 #include "tolv/vex/tolvEventHandler.hpp"
 #include "tolv/vex/tolvExport.hpp"

@@ -147,8 +147,12 @@ class TOLV_EXPORT Dispatcher
   private:
     static void* WatchDogThread(void* i_dispatcher);
 
-    void checkEngine(const char* i_function, unsigned int i_line) const;
-    void runWatchDog();
+    void checkEngine(unsigned int i_line, const char* i_function) const;
+    void waitForOthers() TOLV_EXCLUDES(iv_Lock);
+    void beginShutdown() TOLV_EXCLUDES(iv_Lock);
+    void endShutdown() TOLV_EXCLUDES(iv_Lock);
+    bool isShuttingDown() TOLV_EXCLUDES(iv_Lock);
+    void runWatchDog() TOLV_EXCLUDES(iv_Lock);
 
     // Declared order is the object layout: append only.
     MTDispatcher* pImpl; // owned; changes only in constructor and destructor
@@ -156,7 +160,7 @@ class TOLV_EXPORT Dispatcher
     pthread_t iv_WatchDogTid TOLV_GUARDED_BY(iv_Lock); // 0: none
     Mutex iv_Lock;
     bool iv_Shutdown TOLV_GUARDED_BY(iv_Lock); // Shutdown() has been called
-    Condition iv_Left;                         // one of the next three changed
+    Condition iv_Changed;                      // one of the next three changed
     bool iv_ShuttingDown TOLV_GUARDED_BY(iv_Lock); // inside Shutdown()
     bool iv_WatchDogDone TOLV_GUARDED_BY(iv_Lock); // its Shutdown() ended
     std::uint32_t iv_Processing TOLV_GUARDED_BY(iv_Lock); // ProcessEvents()

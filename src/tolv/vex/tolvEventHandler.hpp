@@ -13,6 +13,7 @@ namespace tolv
 {
 
 class Dispatcher;
+class HandleTable;
 class MTDispatcher;
 class TimerProperties;
 
@@ -101,6 +102,7 @@ class TOLV_EXPORT EventHandler : public Base
 
   private:
     // For the dispatcher only, with its registration lock held.
+    friend class HandleTable;
     friend class MTDispatcher;
     friend class TimerProperties;
 

@@ -4,6 +4,8 @@
 #include "tolv/vex/tolvThread.hpp"
 #include "tolv/vex/tolvTimeValue.hpp"
 
+#include <csignal>
+
 #include <algorithm>
 
 namespace
@@ -15,10 +17,11 @@ const char* const SOURCE = "tolv/vex/tolvThPool";
 // long the pool must have been without need for it, in seconds.
 constexpr unsigned int RETIRE_SECONDS = 900;
 
-// What tells a worker that the pool spawned from a caller that joined: the
-// user pointers of their threads.
+// What tells a worker that the pool spawned from a caller that joined, and from
+// one that has left JoinPool() again: the user pointers of their threads.
 void* const SPAWNED = reinterpret_cast<void*>(1);
 void* const JOINED = nullptr;
+void* const DEPARTED = reinterpret_cast<void*>(2);
 
 tolv::TimeValue secondsFromNow(unsigned int i_seconds)
 {
@@ -85,32 +88,10 @@ bool ThreadPool::StartUp(unsigned int i_min, unsigned int i_max, Function i_job,
 
 void ThreadPool::Dispatch()
 {
-    ThreadList l_retired;
+    if (request())
     {
-        const MutexLock l_lock(iv_Lock);
-        ++iv_Pending;
-        if (iv_Shutdown)
-        {
-            return;
-        }
-        if (iv_Idle >= iv_Pending)
-        {
-            iv_Work.NotifyOne();
-        }
-        else if (iv_Threads.size() < iv_MaxThreads)
-        {
-            // The new worker takes the run itself: nobody is woken.
-            spawn();
-            setIdle(iv_Idle + 1);
-        }
-        else
-        {
-            ++iv_Overflows;
-            iv_LastOverflow = time(nullptr);
-        }
-        takeRetired(l_retired);
+        reap();
     }
-    join(l_retired);
 }
 
 unsigned int ThreadPool::getPoolDepth() const
@@ -169,6 +150,7 @@ void ThreadPool::JoinPool()
         // iv_Callers keeps the object until this thread is back.
         l_self->Start(FunctionRef<ThreadPool>(this, &ThreadPool::workerLoop));
         iv_Lock.Lock();
+        l_self->setUserPtr(DEPARTED);
     }
     else
     {
@@ -184,6 +166,59 @@ void ThreadPool::JoinPool()
     {
         iv_Done.NotifyAll();
     }
+}
+
+// Asks for one run. Returns true when there are retired threads to reap().
+bool ThreadPool::request()
+{
+    const MutexLock l_lock(iv_Lock);
+    ++iv_Pending;
+    if (iv_Shutdown)
+    {
+        return false;
+    }
+    if (iv_Idle >= iv_Pending)
+    {
+        iv_Work.NotifyOne();
+    }
+    else if (iv_Threads.size() < iv_MaxThreads)
+    {
+        // The new worker takes the run itself: nobody is woken.
+        spawn();
+        setIdle(iv_Idle + 1);
+    }
+    else
+    {
+        ++iv_Overflows;
+        iv_LastOverflow = time(nullptr);
+    }
+    return !iv_Retired.empty();
+}
+
+void ThreadPool::reap()
+{
+    ThreadList l_retired;
+    {
+        const MutexLock l_lock(iv_Lock);
+        takeRetired(l_retired);
+    }
+    join(l_retired);
+}
+
+// Returns what the last pthread_kill() returned, -1 without threads.
+int ThreadPool::signalAll(int i_signal)
+{
+    const MutexLock l_lock(iv_Lock);
+    int l_urc = -1;
+    for (const Thread* l_thread : iv_Threads)
+    {
+        // A caller that has left may have ended: its thread is not the pool's.
+        if (l_thread->getUserPtr() != DEPARTED)
+        {
+            l_urc = pthread_kill(l_thread->getTid(), i_signal);
+        }
+    }
+    return l_urc;
 }
 
 void ThreadPool::workerLoop()

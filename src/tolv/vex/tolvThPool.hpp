@@ -16,6 +16,7 @@
 namespace tolv
 {
 
+class MTDispatcher;
 class Thread;
 
 /// Runs one job on between a minimum and a maximum number of threads.
@@ -85,7 +86,15 @@ class TOLV_EXPORT ThreadPool
     void JoinPool() TOLV_EXCLUDES(iv_Lock);
 
   private:
+    // The engine asks for runs under its registration lock, where nothing may
+    // be joined, and signals the threads.
+    friend class MTDispatcher;
+
     using ThreadList = std::vector<Thread*>;
+
+    bool request() TOLV_EXCLUDES(iv_Lock);
+    void reap() TOLV_EXCLUDES(iv_Lock);
+    int signalAll(int i_signal) TOLV_EXCLUDES(iv_Lock);
 
     void workerLoop() TOLV_EXCLUDES(iv_Lock);
     bool waitForRun(bool i_mayRetire) TOLV_REQUIRES(iv_Lock);

@@ -1,0 +1,175 @@
+#include "tolv/vex/tolvTimerQueue.hpp"
+
+#include <tuple>
+
+namespace tolv
+{
+
+TimerQueue::TimerQueue() :
+    iv_Timers(), iv_Armed(), iv_ByHandler(), iv_LastPlace(0)
+{
+}
+
+bool TimerQueue::contains(Timer_t i_id) const
+{
+    return iv_Timers.count(i_id) != 0;
+}
+
+TimerProperties* TimerQueue::find(Timer_t i_id)
+{
+    const auto l_found = iv_Timers.find(i_id);
+    return l_found != iv_Timers.end() ? &l_found->second : nullptr;
+}
+
+void TimerQueue::add(Timer_t i_id, EventHandler& io_handler,
+                     const TimeValue& i_interval, const TimeValue& i_now)
+{
+    Node& l_node =
+        iv_Timers
+            .emplace(std::piecewise_construct, std::forward_as_tuple(i_id),
+                     std::forward_as_tuple(i_id))
+            .first->second;
+    l_node.setHandler(io_handler);
+    iv_ByHandler.emplace(&io_handler, i_id);
+    update(l_node, i_interval, i_now);
+}
+
+void TimerQueue::update(TimerProperties& io_timer, const TimeValue& i_interval,
+                        const TimeValue& i_now)
+{
+    change(io_timer, [&] { io_timer.setInterval(i_interval, i_now); });
+}
+
+void TimerQueue::rearm(TimerProperties& io_timer, const TimeValue& i_now)
+{
+    change(io_timer,
+           [&]
+           {
+               io_timer.restart(i_now);
+               io_timer.setEnabled(true);
+           });
+}
+
+void TimerQueue::enable(TimerProperties& io_timer)
+{
+    if (!io_timer.isArmed())
+    {
+        change(io_timer, [&] { io_timer.setEnabled(true); });
+    }
+}
+
+void TimerQueue::enter(TimerProperties& io_timer)
+{
+    change(io_timer, [&] { io_timer.setEnabled(false); });
+    io_timer.IncreaseThreadCount();
+}
+
+void TimerQueue::cancel(TimerProperties& io_timer)
+{
+    change(io_timer, [&] { io_timer.setRemoved(); });
+    if (!io_timer.isBusy())
+    {
+        erase(static_cast<Node&>(io_timer));
+    }
+}
+
+bool TimerQueue::owns(const EventHandler& i_handler) const
+{
+    const auto l_owned = iv_ByHandler.lower_bound(Owned(&i_handler, 0));
+    return l_owned != iv_ByHandler.end() && l_owned->first == &i_handler;
+}
+
+void TimerQueue::erase(const EventHandler& i_handler)
+{
+    auto l_owned = iv_ByHandler.lower_bound(Owned(&i_handler, 0));
+    while (l_owned != iv_ByHandler.end() && l_owned->first == &i_handler)
+    {
+        Node& l_node = iv_Timers.find(l_owned->second)->second;
+        ++l_owned;
+        unlink(l_node);
+        erase(l_node);
+    }
+}
+
+void TimerQueue::hide(const EventHandler& i_handler)
+{
+    for (auto l_owned = iv_ByHandler.lower_bound(Owned(&i_handler, 0));
+         l_owned != iv_ByHandler.end() && l_owned->first == &i_handler;
+         ++l_owned)
+    {
+        unlink(iv_Timers.find(l_owned->second)->second);
+    }
+}
+
+TimerProperties* TimerQueue::first() const
+{
+    return iv_Armed.empty() ? nullptr : *iv_Armed.begin();
+}
+
+std::vector<Timer_t> TimerQueue::list() const
+{
+    std::vector<Timer_t> l_list;
+    l_list.reserve(iv_Timers.size());
+    for (const Node* l_node : iv_Armed)
+    {
+        l_list.push_back(l_node->getId());
+    }
+    for (const auto& l_timer : iv_Timers)
+    {
+        if (!l_timer.second.isArmed())
+        {
+            l_list.push_back(l_timer.first);
+        }
+    }
+    return l_list;
+}
+
+bool TimerQueue::Earlier::operator()(const Node* i_left,
+                                     const Node* i_right) const
+{
+    return std::make_pair(i_left->getExpiry(), i_left->iv_Place) <
+           std::make_pair(i_right->getExpiry(), i_right->iv_Place);
+}
+
+// The order depends on what is changed: the timer leaves it meanwhile.
+template <class Change>
+void TimerQueue::change(TimerProperties& io_timer, Change i_change)
+{
+    Node& l_node = static_cast<Node&>(io_timer);
+    unlink(l_node);
+    i_change();
+    if (l_node.isArmed())
+    {
+        link(l_node);
+    }
+}
+
+void TimerQueue::link(Node& io_node)
+{
+    io_node.iv_Place = ++iv_LastPlace;
+    if (io_node.iv_Link.empty())
+    {
+        iv_Armed.insert(&io_node);
+    }
+    else
+    {
+        iv_Armed.insert(std::move(io_node.iv_Link));
+    }
+}
+
+void TimerQueue::unlink(Node& io_node)
+{
+    Armed::node_type l_link = iv_Armed.extract(&io_node);
+    if (!l_link.empty())
+    {
+        io_node.iv_Link = std::move(l_link);
+    }
+}
+
+void TimerQueue::erase(Node& io_node)
+{
+    iv_ByHandler.erase(Owned(io_node.getHandler(), io_node.getId()));
+    iv_Timers.erase(io_node.getId());
+}
+
+} // namespace tolv
