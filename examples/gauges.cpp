@@ -30,7 +30,7 @@ class Gauge : public tolv::EventHandler
         if (socketpair(AF_UNIX, SOCK_STREAM, 0, iv_Handles) != 0)
         {
             std::perror("socketpair");
-            std::exit(1);
+            std::abort();
         }
         ++g_live;
         tolv::OS_TIMEOUT l_period(0, 5000 * (i_number + 1));

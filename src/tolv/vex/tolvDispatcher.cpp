@@ -8,7 +8,7 @@
 #include <cerrno>
 
 // Tells a leak checker, in programs that have one, what is left on purpose.
-// NOLINTNEXTLINE(bugprone-reserved-identifier)
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 extern "C" __attribute__((weak)) void __lsan_ignore_object(const void*);
 
 namespace

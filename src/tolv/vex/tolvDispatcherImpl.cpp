@@ -67,7 +67,7 @@ MTDispatcher::MTDispatcher(std::uint32_t i_minThreads,
     openPipe();
     const std::uint32_t l_max = std::max(i_maxThreads, 1U);
     const std::uint32_t l_min = std::min(std::max(i_minThreads, 1U), l_max);
-    typedef FunctionRef<MTDispatcher> Loop;
+    using Loop = FunctionRef<MTDispatcher>;
     if (iv_HandsOver)
     {
         iv_Pool->StartUp(l_min, l_max, Loop(this, &MTDispatcher::ThreadMain),

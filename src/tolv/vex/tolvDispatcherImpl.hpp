@@ -84,17 +84,17 @@ class MTDispatcher : private Base
 
   private:
     // Handlers that have been taken out of the tables; destroyed unlocked.
-    typedef std::unique_ptr<EventHandler> Doomed;
+    using Doomed = std::unique_ptr<EventHandler>;
 
     // What one select() waits for and what it found.
     struct Wait
     {
-        FdSet iv_Handles;         // to watch, then ready
-        OS_HANDLE iv_WakeUp;      // that of the wake-up bytes
-        std::uint64_t iv_Number;  // among the waits of the table
-        std::uint64_t iv_Version; // of the table
-        bool iv_HasTimer;
-        timeval iv_TimeOut; // then what was left of it
+        FdSet iv_Handles;                 // to watch, then ready
+        OS_HANDLE iv_WakeUp = OS_INVALID; // that of the wake-up bytes
+        std::uint64_t iv_Number = 0;      // among the waits of the table
+        std::uint64_t iv_Version = 0;     // of the table
+        bool iv_HasTimer = false;
+        timeval iv_TimeOut = {}; // then what was left of it
 
         bool areTimersDue() const;
         bool isWakenUp() const;

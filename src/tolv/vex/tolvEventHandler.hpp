@@ -18,20 +18,20 @@ class MTDispatcher;
 class TimerProperties;
 
 /// A descriptor.
-typedef std::int32_t OS_HANDLE;
+using OS_HANDLE = std::int32_t;
 
 /// No descriptor.
 constexpr OS_HANDLE OS_INVALID = -1;
 
 /// Identifies a timer; the first one is 1, 0 is none.
-typedef std::uint32_t Timer_t;
+using Timer_t = std::uint32_t;
 
 /// A span of time.
-typedef TimeValue OS_TIMEOUT;
+using OS_TIMEOUT = TimeValue;
 
 /// EventHandler::EVENT bits given at registration. They are stored only: every
 /// registered descriptor is watched for reading.
-typedef std::uint32_t EVENT_MASK;
+using EVENT_MASK = std::uint32_t;
 
 /// What the dispatcher calls back: acceptors, services and any handler of a
 /// daemon's own.
@@ -98,6 +98,7 @@ class TOLV_EXPORT EventHandler : public Base
 
   protected:
     // Declared order is the object layout, here and below.
+    // NOLINTNEXTLINE(*-non-private-member-variables-in-classes)
     Dispatcher& iv_Dispatcher;
 
   private:

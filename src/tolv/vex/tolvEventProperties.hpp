@@ -52,7 +52,7 @@ struct EventRecord
 class EventProperties
 {
   public:
-    typedef std::map<std::uint64_t, EventRecord> Records;
+    using Records = std::map<std::uint64_t, EventRecord>;
 
     EventProperties(EventHandler& io_handler, std::uint64_t i_number);
     EventProperties(const EventProperties&) = delete;

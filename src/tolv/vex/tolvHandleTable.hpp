@@ -31,7 +31,7 @@ namespace tolv
 class HandleTable
 {
   public:
-    typedef std::map<std::uint64_t, EventProperties> Entries;
+    using Entries = std::map<std::uint64_t, EventProperties>;
 
     /// A record by its numbers, which stay true when the record goes.
     struct Registration

@@ -69,7 +69,7 @@ void TimerQueue::cancel(TimerProperties& io_timer)
     change(io_timer, [&] { io_timer.setRemoved(); });
     if (!io_timer.isBusy())
     {
-        erase(static_cast<Node&>(io_timer));
+        erase(nodeOf(io_timer));
     }
 }
 
@@ -131,11 +131,18 @@ bool TimerQueue::Earlier::operator()(const Node* i_left,
            std::make_pair(i_right->getExpiry(), i_right->iv_Place);
 }
 
+// Every timer that the queue hands out is a node of it.
+TimerQueue::Node& TimerQueue::nodeOf(TimerProperties& io_timer)
+{
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-static-cast-downcast)
+    return static_cast<Node&>(io_timer);
+}
+
 // The order depends on what is changed: the timer leaves it meanwhile.
 template <class Change>
 void TimerQueue::change(TimerProperties& io_timer, Change i_change)
 {
-    Node& l_node = static_cast<Node&>(io_timer);
+    Node& l_node = nodeOf(io_timer);
     unlink(l_node);
     i_change();
     if (l_node.isArmed())

@@ -81,7 +81,7 @@ class TimerQueue
         bool operator()(const Node* i_left, const Node* i_right) const;
     };
 
-    typedef std::set<Node*, Earlier> Armed;
+    using Armed = std::set<Node*, Earlier>;
 
     // A timer that is not armed keeps its own link, so that re-arming it
     // allocates nothing.
@@ -96,8 +96,9 @@ class TimerQueue
         Armed::node_type iv_Link;
     };
 
-    typedef std::pair<const EventHandler*, Timer_t> Owned;
+    using Owned = std::pair<const EventHandler*, Timer_t>;
 
+    static Node& nodeOf(TimerProperties& io_timer);
     template <class Change>
     void change(TimerProperties& io_timer, Change i_change);
     void link(Node& io_node);
