@@ -147,6 +147,7 @@ int main(int i_count, char* i_arguments[])
         // The dispatcher's from its answer ACTION_REMOVE on.
         new Gauge(l_dispatcher, l_gauge, number(i_arguments[2]));
     }
+    // cppcheck-suppress unreadVariable ; it lives as long as the loop
     Caretaker l_caretaker(l_dispatcher);
     l_dispatcher.ProcessEvents();
     std::printf("%u gauges left\n", g_live.load());

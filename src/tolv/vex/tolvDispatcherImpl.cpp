@@ -137,12 +137,13 @@ int MTDispatcher::RaiseSignal(int i_signal)
     return iv_Pool->signalAll(i_signal);
 }
 
-Timer_t MTDispatcher::AddTimer(EventHandler& io_handler, OS_TIMEOUT& io_timeout)
+Timer_t MTDispatcher::AddTimer(EventHandler& io_handler,
+                               const OS_TIMEOUT& i_timeout)
 {
     const MutexLock l_lock(iv_RegLock);
     const Timer_t l_timer = nextTimer();
     TimerQueue& l_queue = iv_Shutdown ? iv_PendingTimers : iv_Timers;
-    l_queue.add(l_timer, io_handler, io_timeout, TimeValue::getUptime());
+    l_queue.add(l_timer, io_handler, i_timeout, TimeValue::getUptime());
     Interrupt();
     return l_timer;
 }
@@ -160,13 +161,13 @@ Timer_t MTDispatcher::nextTimer()
 }
 
 void MTDispatcher::UpdateTimer(EventHandler&, Timer_t i_timer,
-                               OS_TIMEOUT& io_timeout)
+                               const OS_TIMEOUT& i_timeout)
 {
     const MutexLock l_lock(iv_RegLock);
     TimerProperties* const l_timer = iv_Timers.find(i_timer);
     if (l_timer != nullptr)
     {
-        iv_Timers.update(*l_timer, io_timeout, TimeValue::getUptime());
+        iv_Timers.update(*l_timer, i_timeout, TimeValue::getUptime());
     }
     Interrupt();
 }

@@ -59,10 +59,10 @@ class MTDispatcher : private Base
     void EnableCallback(OS_HANDLE i_handle) TOLV_EXCLUDES(iv_RegLock);
     int RaiseSignal(int i_signal) TOLV_EXCLUDES(iv_RegLock);
 
-    Timer_t AddTimer(EventHandler& io_handler, OS_TIMEOUT& io_timeout)
+    Timer_t AddTimer(EventHandler& io_handler, const OS_TIMEOUT& i_timeout)
         TOLV_EXCLUDES(iv_RegLock);
     void UpdateTimer(EventHandler& io_handler, Timer_t i_timer,
-                     OS_TIMEOUT& io_timeout) TOLV_EXCLUDES(iv_RegLock);
+                     const OS_TIMEOUT& i_timeout) TOLV_EXCLUDES(iv_RegLock);
     bool CancelTimer(Timer_t i_timer) TOLV_EXCLUDES(iv_RegLock);
     bool ExpireTimer(Timer_t i_timer) TOLV_EXCLUDES(iv_RegLock);
     void EnableCallback(Timer_t i_timer) TOLV_EXCLUDES(iv_RegLock);
