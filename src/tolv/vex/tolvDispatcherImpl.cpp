@@ -298,7 +298,8 @@ bool MTDispatcher::waitForEvents(Wait& o_wait)
         {
             return true;
         }
-        // A descriptor may be unregistered and closed before the wait begins.
+        // A descriptor may be unregistered and closed before the wait begins,
+        // and the wake-up pair by the teardown.
         if (errno != EINTR && !(errno == EBADF && hasChanged(o_wait)))
         {
             assertFailed("l_urc >= 0", SOURCE, 300,
@@ -332,7 +333,7 @@ bool MTDispatcher::prepareWait(Wait& o_wait)
 bool MTDispatcher::hasChanged(const Wait& i_wait)
 {
     const MutexLock l_lock(iv_RegLock);
-    return iv_Handles.version() != i_wait.iv_Version;
+    return iv_Shutdown || iv_Handles.version() != i_wait.iv_Version;
 }
 
 // select() leaves in its time-out what was not slept of it, and nothing when
