@@ -3,6 +3,7 @@
 #define TOLV_TOLV_HPP
 
 #include "tolv/vex/tolvBase.hpp"
+#include "tolv/vex/tolvChannel.hpp"
 #include "tolv/vex/tolvCond.hpp"
 #include "tolv/vex/tolvDataBuff.hpp"
 #include "tolv/vex/tolvDispatcher.hpp"
@@ -11,6 +12,9 @@
 #include "tolv/vex/tolvExport.hpp"
 #include "tolv/vex/tolvFunction.hpp"
 #include "tolv/vex/tolvMutex.hpp"
+#include "tolv/vex/tolvSock6Channel.hpp"
+#include "tolv/vex/tolvSockChannel.hpp"
+#include "tolv/vex/tolvSocket.hpp"
 #include "tolv/vex/tolvThPool.hpp"
 #include "tolv/vex/tolvThread.hpp"
 #include "tolv/vex/tolvThreadSafety.hpp"
