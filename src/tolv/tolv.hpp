@@ -12,6 +12,7 @@
 #include "tolv/vex/tolvExport.hpp"
 #include "tolv/vex/tolvFunction.hpp"
 #include "tolv/vex/tolvMutex.hpp"
+#include "tolv/vex/tolvService.hpp"
 #include "tolv/vex/tolvSock6Channel.hpp"
 #include "tolv/vex/tolvSockChannel.hpp"
 #include "tolv/vex/tolvSocket.hpp"
