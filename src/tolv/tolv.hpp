@@ -2,6 +2,7 @@
 #ifndef TOLV_TOLV_HPP
 #define TOLV_TOLV_HPP
 
+#include "tolv/vex/tolvApp.hpp"
 #include "tolv/vex/tolvBase.hpp"
 #include "tolv/vex/tolvChannel.hpp"
 #include "tolv/vex/tolvCond.hpp"
@@ -12,6 +13,7 @@
 #include "tolv/vex/tolvExport.hpp"
 #include "tolv/vex/tolvFunction.hpp"
 #include "tolv/vex/tolvMutex.hpp"
+#include "tolv/vex/tolvSctpLinkCheck.hpp"
 #include "tolv/vex/tolvService.hpp"
 #include "tolv/vex/tolvSock6Channel.hpp"
 #include "tolv/vex/tolvSockChannel.hpp"
