@@ -13,6 +13,7 @@
 #include "tolv/vex/tolvExport.hpp"
 #include "tolv/vex/tolvFunction.hpp"
 #include "tolv/vex/tolvMutex.hpp"
+#include "tolv/vex/tolvSctp.hpp"
 #include "tolv/vex/tolvSctpLinkCheck.hpp"
 #include "tolv/vex/tolvService.hpp"
 #include "tolv/vex/tolvSock6Channel.hpp"
