@@ -2,6 +2,7 @@
 #ifndef TOLV_TOLV_HPP
 #define TOLV_TOLV_HPP
 
+#include "tolv/vex/tolvAcc.hpp"
 #include "tolv/vex/tolvApp.hpp"
 #include "tolv/vex/tolvBase.hpp"
 #include "tolv/vex/tolvChannel.hpp"
@@ -16,7 +17,9 @@
 #include "tolv/vex/tolvSctp.hpp"
 #include "tolv/vex/tolvSctpLinkCheck.hpp"
 #include "tolv/vex/tolvService.hpp"
+#include "tolv/vex/tolvSock6Acc.hpp"
 #include "tolv/vex/tolvSock6Channel.hpp"
+#include "tolv/vex/tolvSockAcc.hpp"
 #include "tolv/vex/tolvSockChannel.hpp"
 #include "tolv/vex/tolvSocket.hpp"
 #include "tolv/vex/tolvThPool.hpp"
