@@ -13,6 +13,8 @@
 namespace tolv
 {
 
+class Sock6Io;
+
 /// A channel over an IPv6 TCP or UDP socket or a UNIX-domain stream.
 ///
 /// As SockChannel, with its errors, and with the local address at which the
@@ -51,6 +53,8 @@ class TOLV_EXPORT Sock6Channel : public Channel
     virtual void setRemoteAddress(const Sock6Addr_t& i_addr);
 
   private:
+    friend class Sock6Io;
+
     // Declared order is the object layout.
     Sock6Addr_t iv_RemoteAddr;
     std::string iv_RemoteAddrText;

@@ -14,17 +14,15 @@
 
 #include <algorithm>
 
-using namespace tolv;
-
-namespace
+namespace tolv
 {
 
 // The system calls of a SockChannel.
 class SockIo final : public ChannelIo
 {
   public:
-    SockIo(SockChannel& io_channel, SockAddr_t& io_peer) :
-        ChannelIo(io_channel, "SockChannel"), iv_Peer(io_peer)
+    explicit SockIo(SockChannel& io_channel) :
+        ChannelIo(io_channel, "SockChannel"), iv_Peer(io_channel.iv_RemoteAddr)
     {
     }
 
@@ -108,11 +106,6 @@ bool SockIo::endsAssociation(const void* i_part, std::size_t i_bytes,
             l_state == SCTP_SHUTDOWN_COMP);
 }
 
-} // namespace
-
-namespace tolv
-{
-
 SockChannel::SockChannel(int i_handle, SockType i_type) :
     Channel(i_handle, i_type), iv_RemoteAddr()
 {
@@ -134,17 +127,17 @@ void SockChannel::Dump(FILE*) {}
 
 pError_t SockChannel::Peek(void* o_buf, unsigned int& io_Bytes)
 {
-    return SockIo(*this, iv_RemoteAddr).receive(o_buf, io_Bytes, MSG_PEEK);
+    return SockIo(*this).receive(o_buf, io_Bytes, MSG_PEEK);
 }
 
 pError_t SockChannel::Read(void* o_buf, unsigned int& io_Bytes)
 {
-    return SockIo(*this, iv_RemoteAddr).receive(o_buf, io_Bytes, 0);
+    return SockIo(*this).receive(o_buf, io_Bytes, 0);
 }
 
 pError_t SockChannel::Write(void* i_buf, unsigned int& io_Bytes)
 {
-    return SockIo(*this, iv_RemoteAddr).send(i_buf, io_Bytes);
+    return SockIo(*this).send(i_buf, io_Bytes);
 }
 
 bool SockChannel::isAlive()

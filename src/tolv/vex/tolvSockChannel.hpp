@@ -13,6 +13,8 @@
 namespace tolv
 {
 
+class SockIo;
+
 /// A channel over an IPv4 TCP, UDP or SCTP socket or a UNIX-domain stream.
 ///
 /// The errors of both socket channels; io_Bytes is what Peek(), Read() and
@@ -62,6 +64,8 @@ class TOLV_EXPORT SockChannel : public Channel
 
   private:
     int FindSubnetInterfaceAddress(int i_which, in_addr_t& o_found);
+
+    friend class SockIo;
 
     // Declared order is the object layout.
     SockAddr_t iv_RemoteAddr;
