@@ -195,7 +195,7 @@ bool ChannelIo::checkPendingError()
 // Deliberate: the channel's own time-out becomes zero and stays on.
 // Effect: a later read takes what is there and does not wait; set the time-out
 // anew for each read that is to wait.
-// Pinned by: SockChannelTest.TimeOutLeavesAChannelThatNoLongerWaits
+// Pinned by: SockChannelCallsTest.TimeOutIsNoErrorAndLeavesAChannelThatPolls
 void ChannelIo::timeOut()
 {
     errno = ETIMEDOUT;
@@ -260,7 +260,7 @@ void ChannelIo::failToReceive(ssize_t i_urc)
         // Deliberate: what came before the error is reported as nothing.
         // Effect: io_Bytes is 0, although these bytes have left the socket and
         // lie in the caller's buffer.
-        // Pinned by: SockChannelTest.ReceiveErrorReportsThePartAsNothing
+        // Pinned by: SockChannelCallsTest.ReceiveErrorReportsThePartAsNothing
         iv_Received = 0;
     }
 }
@@ -387,7 +387,7 @@ pError_t ChannelIo::send(const void* i_buf, unsigned int& io_Bytes)
     {
         // Deliberate: a short send is no error and is not continued.
         // Effect: callers compare io_Bytes with what they gave.
-        // Pinned by: SockChannelTest.ShortSendIsNoError
+        // Pinned by: SockChannelCallsTest.ShortSendIsNoError
         io_Bytes = static_cast<unsigned int>(l_urc);
         return pError_t();
     }

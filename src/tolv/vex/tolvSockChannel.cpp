@@ -14,6 +14,18 @@
 
 #include <algorithm>
 
+namespace
+{
+
+// How far a notification has to be read to tell whether an association ended:
+// its type (u16) stands first, the state (u16) here. Bytes, host byte order.
+constexpr std::size_t OFF_STATE = 8;
+constexpr std::size_t NOTIFICATION_HEAD = OFF_STATE + sizeof(std::uint16_t);
+static_assert(OFF_STATE == offsetof(sctp_assoc_change, sac_state),
+              "where the kernel puts the state");
+
+} // namespace
+
 namespace tolv
 {
 
@@ -87,18 +99,21 @@ ssize_t SockIo::receiveSctp(void* o_buf, std::size_t i_room, int i_flags)
 bool SockIo::endsAssociation(const void* i_part, std::size_t i_bytes,
                              int i_flags)
 {
-    std::uint16_t l_type = 0;
-    std::uint16_t l_state = 0;
-    constexpr std::size_t OFF_STATE = offsetof(sctp_assoc_change, sac_state);
-    static_assert(OFF_STATE == 8, "where the kernel puts the state");
-    unsigned char l_head[OFF_STATE + sizeof(l_state)] = {};
+    unsigned char l_head[NOTIFICATION_HEAD] = {};
     std::memcpy(l_head, i_part, std::min(i_bytes, sizeof(l_head)));
     if (i_bytes < sizeof(l_head))
     {
         const std::size_t l_from = (i_flags & MSG_PEEK) != 0 ? 0 : i_bytes;
-        recv(handle(), l_head + l_from, sizeof(l_head) - l_from,
-             MSG_PEEK | MSG_DONTWAIT | MSG_NOSIGNAL);
+        const std::size_t l_missing = sizeof(l_head) - l_from;
+        if (recv(handle(), l_head + l_from, l_missing,
+                 MSG_PEEK | MSG_DONTWAIT | MSG_NOSIGNAL) !=
+            static_cast<ssize_t>(l_missing))
+        {
+            return false;
+        }
     }
+    std::uint16_t l_type = 0;
+    std::uint16_t l_state = 0;
     std::memcpy(&l_type, l_head, sizeof(l_type));
     std::memcpy(&l_state, l_head + OFF_STATE, sizeof(l_state));
     return l_type == SCTP_ASSOC_CHANGE &&
