@@ -18,7 +18,7 @@ constexpr std::size_t CONTROL_ROOM = 1024;
 // Deliberate: the text of a peer that was set has the room of an IPv4 one.
 // Effect: an address of 16 characters or more leaves the text as it was, at
 // first empty. Over UDP getRemoteAddress() has the room it needs.
-// Pinned by: Sock6ChannelTest.LongAddressLeavesTheTextAsItWas
+// Pinned by: Sock6ChannelCallsTest.LongAddressLeavesTheTextAsItWas
 constexpr unsigned int PEER_TEXT_ROOM = 16;
 
 // Copies the content of a control message that has the level and type.
