@@ -57,6 +57,15 @@ template struct Open<
     &ThreadPool::iv_Work, &ThreadPool::iv_Done, &ThreadPool::iv_Job,
     &ThreadPool::iv_Surplus, &ThreadPool::iv_Callers, &ThreadPool::iv_Run,
     &ThreadPool::iv_Joining>;
+template struct Open<Channel, &Channel::iv_Type, &Channel::iv_TimeOut,
+                     &Channel::iv_TimeOutEnabled, &Channel::iv_TimedOut,
+                     &Channel::iv_Fd>;
+template struct Open<SockChannel, &SockChannel::iv_RemoteAddr,
+                     &SockChannel::iv_RemoteAddrText>;
+template struct Open<Sock6Channel, &Sock6Channel::iv_RemoteAddr,
+                     &Sock6Channel::iv_RemoteAddrText,
+                     &Sock6Channel::iv_LocalAddrText, &Sock6Channel::iv_PktInfo,
+                     &Sock6Channel::iv_Pkt6Info, &Sock6Channel::iv_PktInfoIsV6>;
 
 TEST(ObjectLayoutTest, TimeValueIsTwoWords)
 {
@@ -146,4 +155,25 @@ TEST(ObjectLayoutTest, PlatformFileIsOnePointer)
 {
     EXPECT_EQ(sizeof(void*), sizeof(PlatformFile));
     EXPECT_EQ(alignof(void*), alignof(PlatformFile));
+}
+
+TEST(ObjectLayoutTest, ChannelKeepsItsOrder)
+{
+    expectLayout<Channel>(TYPE_POINTER);
+}
+
+// Members of derived classes use the padding behind a class's last one.
+static std::size_t endOfChannel()
+{
+    return memberOffsets<Channel>().back() + sizeof(OS_HANDLE);
+}
+
+TEST(ObjectLayoutTest, SockChannelAppendsToChannel)
+{
+    expectLayout<SockChannel>(endOfChannel());
+}
+
+TEST(ObjectLayoutTest, Sock6ChannelAppendsToChannel)
+{
+    expectLayout<Sock6Channel>(endOfChannel());
 }

@@ -45,3 +45,28 @@ TEST(VirtualSlotTest, DataBuffAppendsDumpToBase)
     EXPECT_EQ(4U, virtualSlot(&DataBuff::Dump));
     EXPECT_EQ(5U, virtualSlots<DataBuff>());
 }
+
+TEST(VirtualSlotTest, ChannelAppendsItsEightToBase)
+{
+    EXPECT_EQ(4U, virtualSlot(&Channel::Dump));
+    EXPECT_EQ(5U, virtualSlot(&Channel::Peek));
+    EXPECT_EQ(6U, virtualSlot(&Channel::Read));
+    EXPECT_EQ(7U, virtualSlot(&Channel::Write));
+    EXPECT_EQ(8U, virtualSlot(&Channel::isAlive));
+    EXPECT_EQ(9U, virtualSlot(&Channel::getRemoteAddress));
+    EXPECT_EQ(10U, virtualSlot(&Channel::getPort));
+    EXPECT_EQ(11U, virtualSlot(&Channel::RefreshChannel));
+    EXPECT_EQ(12U, virtualSlots<Channel>());
+}
+
+TEST(VirtualSlotTest, SockChannelHasTheSlotsOfChannel)
+{
+    EXPECT_EQ(12U, virtualSlots<SockChannel>());
+}
+
+TEST(VirtualSlotTest, Sock6ChannelAppendsItsAddresses)
+{
+    EXPECT_EQ(12U, virtualSlot(&Sock6Channel::getLocalAddress));
+    EXPECT_EQ(13U, virtualSlot(&Sock6Channel::setRemoteAddress));
+    EXPECT_EQ(14U, virtualSlots<Sock6Channel>());
+}

@@ -368,6 +368,9 @@ void ChannelIo::fail(pError_t i_error)
     iv_Error = i_error;
 }
 
+// Deliberate: neither the time-out nor readiness is looked at.
+// Effect: a send blocks its thread while the peer does not read.
+// Pinned by: SockChannelTest.WriteToAPeerThatNeverReadsBlocks
 pError_t ChannelIo::send(const void* i_buf, unsigned int& io_Bytes)
 {
     if (handle() == OS_INVALID)
