@@ -15,6 +15,8 @@
 #include "tolv/vex/tolvExport.hpp"
 #include "tolv/vex/tolvFunction.hpp"
 #include "tolv/vex/tolvMutex.hpp"
+#include "tolv/vex/tolvNetMessage.hpp"
+#include "tolv/vex/tolvProfile.hpp"
 #include "tolv/vex/tolvSctp.hpp"
 #include "tolv/vex/tolvSctpLinkCheck.hpp"
 #include "tolv/vex/tolvService.hpp"

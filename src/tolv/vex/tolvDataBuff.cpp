@@ -254,6 +254,25 @@ const char* DataBuff::getData() const
     return iv_Data;
 }
 
+bool DataBuff::replaceBlock(unsigned int i_size)
+{
+    void* l_block = i_size == 0 ? nullptr : std::malloc(i_size);
+    if (l_block == nullptr && i_size != 0)
+    {
+        return false;
+    }
+    std::free(iv_Data);
+    iv_Data = static_cast<char*>(l_block);
+    iv_Size = i_size;
+    iv_Offset = 0;
+    return true;
+}
+
+char* DataBuff::getBlock()
+{
+    return iv_Data;
+}
+
 unsigned int DataBuff::room() const
 {
     return iv_Size - iv_Offset;

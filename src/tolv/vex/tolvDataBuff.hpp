@@ -104,6 +104,16 @@ class TOLV_EXPORT DataBuff : public Base
     /// The block; null when the size is 0. Valid until the size changes.
     const char* getData() const;
 
+  protected:
+    /// Makes the block exactly i_size bytes, which are NOT initialised and so
+    /// take no memory before they are written, and sets the offset to 0.
+    ///
+    /// Returns: false, with the buffer as it was, when memory is short.
+    bool replaceBlock(unsigned int i_size);
+
+    /// The block to write to; as getData().
+    char* getBlock();
+
   private:
     void reallocate(unsigned int i_size);
     unsigned int room() const;
