@@ -71,7 +71,7 @@ void requireAtMost(unsigned int i_reported, unsigned int i_asked)
 
 // Deliberate: counted without a lock, as one load and one store.
 // Effect: messages that two threads send at once may have the same number.
-// Pinned by: NetMessageTest.SequenceNumbersAreCountedByLoadAndStore
+// Pinned by: NetMessageTest.TwoThreadsMayGetEqualSequenceNumbers
 std::uint32_t nextSeqNum()
 {
     const std::uint32_t l_next =
