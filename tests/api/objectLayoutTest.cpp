@@ -48,6 +48,12 @@ template struct Open<FunctionTrace, &FunctionTrace::iv_File,
                      &FunctionTrace::iv_Stream>;
 template struct Open<DataBuff, &DataBuff::iv_Size, &DataBuff::iv_Offset,
                      &DataBuff::iv_Data>;
+template struct Open<NetMessage, &NetMessage::iv_MsgId, &NetMessage::iv_MsgType,
+                     &NetMessage::iv_Flags, &NetMessage::iv_MsgSubType,
+                     &NetMessage::iv_MsgAux, &NetMessage::iv_SeqNum,
+                     &NetMessage::iv_Receiving, &NetMessage::iv_pProfiler>;
+template struct Open<CheckPoint, &CheckPoint::id, &CheckPoint::time>;
+template struct Open<Profiler, &Profiler::iv_Id, &Profiler::iv_CheckPoints>;
 template struct Open<
     ThreadPool, &ThreadPool::iv_Threads, &ThreadPool::iv_MinThreads,
     &ThreadPool::iv_MaxThreads, &ThreadPool::iv_Idle, &ThreadPool::iv_Pending,
@@ -138,6 +144,22 @@ TEST(ObjectLayoutTest, FunctionTraceKeepsItsOrder)
 TEST(ObjectLayoutTest, DataBuffIsSizeOffsetData)
 {
     expectLayout<DataBuff>(TYPE_POINTER);
+}
+
+TEST(ObjectLayoutTest, NetMessageAppendsItsFieldsToDataBuff)
+{
+    expectLayout<NetMessage>(sizeof(DataBuff));
+}
+
+TEST(ObjectLayoutTest, CheckPointIsThreeWords)
+{
+    EXPECT_EQ((std::vector<std::size_t>{0, 4}), memberOffsets<CheckPoint>());
+    EXPECT_EQ(12U, sizeof(CheckPoint));
+}
+
+TEST(ObjectLayoutTest, ProfilerIsIdThenCheckPoints)
+{
+    expectLayout<Profiler>(0);
 }
 
 TEST(ObjectLayoutTest, ThreadPoolKeepsItsOrder)

@@ -70,3 +70,15 @@ TEST(VirtualSlotTest, Sock6ChannelAppendsItsAddresses)
     EXPECT_EQ(13U, virtualSlot(&Sock6Channel::setRemoteAddress));
     EXPECT_EQ(14U, virtualSlots<Sock6Channel>());
 }
+
+TEST(VirtualSlotTest, NetMessageAppendsSixToDataBuff)
+{
+    EXPECT_EQ(4U, virtualSlot(&NetMessage::Dump));
+    EXPECT_EQ(5U, virtualSlot(&NetMessage::Send));
+    EXPECT_EQ(6U, virtualSlot(&NetMessage::Receive));
+    EXPECT_EQ(7U, virtualSlot(&NetMessage::hdrLength));
+    EXPECT_EQ(8U, virtualSlot(&NetMessage::copyHeader));
+    EXPECT_EQ(9U, virtualSlot(&NetMessage::PlaceHeader));
+    EXPECT_EQ(10U, virtualSlot(&NetMessage::ExtractHeader));
+    EXPECT_EQ(11U, virtualSlots<NetMessage>());
+}
