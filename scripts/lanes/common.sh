@@ -77,9 +77,9 @@ buildPreset()
     cmake --preset "$1" && cmake --build --preset "$1" -- -k 0
 }
 
-# buildSample PRESET NAME: compiles the program on standard input with the
-# compiler and the flags that the preset gives the library, to
-# build/PRESET/samples/NAME.
+# buildSample PRESET NAME [FLAG ...]: compiles the program on standard input
+# with the compiler and the flags that the preset gives the library, and with
+# these, to build/PRESET/samples/NAME.
 buildSample()
 {
     local folder=build/$1/samples command
@@ -87,7 +87,7 @@ buildSample()
         command=$(scripts/list-commands "build/$1" src/tolv/vex |
             sed -nE '3s/ -o .*//p') && [ -n "$command" ] || return
     # shellcheck disable=SC2086 # plain words, as the build writes them
-    $command -pthread "$folder/$2.cpp" -o "$folder/$2"
+    $command -pthread "${@:3}" "$folder/$2.cpp" -o "$folder/$2"
 }
 
 # testPreset PRESET JOBS: runs every test of a built preset, JOBS at a time,

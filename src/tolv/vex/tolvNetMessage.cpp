@@ -343,6 +343,11 @@ pError_t NetMessage::takeApart()
 // when it is sent on, and the receiver takes the first bytes of its body for
 // it.
 // Pinned by: NetMessageProfileTest.EndedProfileIsStillAnnounced
+//
+// Deliberate: without the flag a profile that the object has stays.
+// Effect: an object that receives one message after the other keeps the profile
+// of an earlier one until it is ended or replaced, and sends it along.
+// Pinned by: NetMessageProfileTest.MessageWithoutProfileLeavesTheOwn
 void NetMessage::ExtractHeader()
 {
     unsigned int l_header = FIXED_HEADER;
