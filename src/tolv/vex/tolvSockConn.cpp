@@ -5,6 +5,7 @@
 #include "tolv/vex/tolvReason.hpp"
 #include "tolv/vex/tolvSctp.hpp"
 #include "tolv/vex/tolvService.hpp"
+#include "tolv/vex/tolvSleep.hpp"
 #include "tolv/vex/tolvSockChannel.hpp"
 #include "tolv/vex/tolvTrace.hpp"
 
@@ -14,7 +15,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <ctime>
 
 #include <memory>
 
@@ -51,15 +51,6 @@ bool connectOnce(OS_HANDLE i_fd, const SockAddr_t& i_address)
         l_result = connect(i_fd, &i_address.addr.sa, i_address.length);
     } while (l_result < 0 && errno == EINTR);
     return l_result >= 0 || errno == EISCONN;
-}
-
-// Signals do not shorten it.
-void sleepOneSecond()
-{
-    timespec l_left = {1, 0};
-    while (nanosleep(&l_left, &l_left) == -1 && errno == EINTR)
-    {
-    }
 }
 
 void open(Service& io_service, Channel& io_channel)
@@ -263,7 +254,7 @@ pError_t SockConn::connectWithRetries(OS_HANDLE i_fd,
                 "for server");
             break;
         }
-        sleepOneSecond();
+        sleepFully(1);
     }
     fcntl(i_fd, F_SETFL, l_flags);
     return l_error;
