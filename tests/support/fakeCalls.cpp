@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <net/if.h>
+#include <netinet/in.h>
 #include <netinet/sctp.h>
 #include <sys/ioctl.h>
 #include <sys/select.h>
