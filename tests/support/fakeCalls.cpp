@@ -236,6 +236,10 @@ extern "C"
 
     int __wrap_accept(int i_fd, sockaddr* o_address, socklen_t* io_length)
     {
+        if (t_state == nullptr)
+        {
+            return __real_accept(i_fd, o_address, io_length);
+        }
         return replace(
             "accept", {i_fd, static_cast<long>(*io_length)}, "",
             [=] { return __real_accept(i_fd, o_address, io_length); },

@@ -67,6 +67,7 @@ class SockAccTest : public ::testing::Test
 
     void TearDown() override
     {
+        fakeCalls::stop();
         RecordingService::forget();
     }
 
