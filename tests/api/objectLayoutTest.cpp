@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <cstdio>
+#include <cstring>
 
 #include <vector>
 
@@ -23,6 +25,18 @@ constexpr std::size_t TYPE_POINTER = sizeof(void*);
 struct Target
 {
     void run();
+};
+
+struct Handler : EventHandler
+{
+    using EventHandler::EventHandler;
+
+    void Dump(FILE* /*o_stream*/) override {}
+
+    ACTION HandleEvent(OS_HANDLE /*i_handle*/, EVENT /*i_event*/) override
+    {
+        return ACTION_CONTINUE;
+    }
 };
 
 } // namespace
@@ -72,6 +86,8 @@ template struct Open<Sock6Channel, &Sock6Channel::iv_RemoteAddr,
                      &Sock6Channel::iv_RemoteAddrText,
                      &Sock6Channel::iv_LocalAddrText, &Sock6Channel::iv_PktInfo,
                      &Sock6Channel::iv_Pkt6Info, &Sock6Channel::iv_PktInfoIsV6>;
+template struct Open<EventHandler, &EventHandler::iv_ThreadRefCount,
+                     &EventHandler::iv_Removed>;
 
 TEST(ObjectLayoutTest, TimeValueIsTwoWords)
 {
@@ -165,6 +181,19 @@ TEST(ObjectLayoutTest, ProfilerIsIdThenCheckPoints)
 TEST(ObjectLayoutTest, ThreadPoolKeepsItsOrder)
 {
     expectLayout<ThreadPool>(0);
+}
+
+TEST(ObjectLayoutTest, EventHandlerIsDispatcherThenCountThenFlag)
+{
+    Dispatcher l_dispatcher(false);
+    const Handler l_handler(l_dispatcher);
+    const EventHandler& l_object = l_handler;
+    const void* l_reference = nullptr; // pointers to members cannot name it
+    std::memcpy(&l_reference,
+                reinterpret_cast<const char*>(&l_object) + TYPE_POINTER,
+                sizeof(l_reference));
+    EXPECT_EQ(&l_dispatcher, l_reference);
+    expectLayout<EventHandler>(2 * TYPE_POINTER);
 }
 
 TEST(ObjectLayoutTest, ErrorLogEntryIsOnePointer)

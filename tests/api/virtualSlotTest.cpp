@@ -82,3 +82,35 @@ TEST(VirtualSlotTest, NetMessageAppendsSixToDataBuff)
     EXPECT_EQ(10U, virtualSlot(&NetMessage::ExtractHeader));
     EXPECT_EQ(11U, virtualSlots<NetMessage>());
 }
+
+TEST(VirtualSlotTest, EventHandlerAppendsItsCallbacksToBase)
+{
+    EXPECT_EQ(2U,
+              virtualSlot(static_cast<BuildLogText>(&EventHandler::BuildLog)));
+    EXPECT_EQ(
+        3U, virtualSlot(static_cast<BuildLogFormat>(&EventHandler::BuildLog)));
+    EXPECT_EQ(4U, virtualSlot(&EventHandler::Dump));
+    EXPECT_EQ(5U, virtualSlot(&EventHandler::HandleEvent));
+    EXPECT_EQ(6U, virtualSlot(&EventHandler::TimerTick));
+    EXPECT_EQ(7U, virtualSlot(&EventHandler::RefreshHandler));
+    EXPECT_EQ(8U, virtualSlots<EventHandler>());
+}
+
+TEST(VirtualSlotTest, DispatcherKeepsItsOrder)
+{
+    using EnableHandle = void (Dispatcher::*)(OS_HANDLE);
+    using EnableTimer = void (Dispatcher::*)(Timer_t);
+    EXPECT_EQ(2U, virtualSlot(&Dispatcher::Register));
+    EXPECT_EQ(3U, virtualSlot(&Dispatcher::Unregister));
+    EXPECT_EQ(4U, virtualSlot(&Dispatcher::AddTimer));
+    EXPECT_EQ(5U, virtualSlot(&Dispatcher::UpdateTimer));
+    EXPECT_EQ(6U, virtualSlot(&Dispatcher::CancelTimer));
+    EXPECT_EQ(7U, virtualSlot(&Dispatcher::ExpireTimer));
+    EXPECT_EQ(8U, virtualSlot(&Dispatcher::ProcessEvents));
+    EXPECT_EQ(9U, virtualSlot(EnableHandle(&Dispatcher::EnableCallback)));
+    EXPECT_EQ(10U, virtualSlot(EnableTimer(&Dispatcher::EnableCallback)));
+    EXPECT_EQ(11U, virtualSlot(&Dispatcher::Shutdown));
+    EXPECT_EQ(12U, virtualSlot(&Dispatcher::DeferredShutdown));
+    EXPECT_EQ(13U, virtualSlot(&Dispatcher::RaiseSignal));
+    EXPECT_EQ(14U, virtualSlots<Dispatcher>());
+}
