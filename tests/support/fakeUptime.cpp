@@ -2,22 +2,31 @@
 
 #include <unistd.h>
 
-#include <atomic>
+#include <mutex>
+#include <shared_mutex>
 
 namespace
 {
 
-std::atomic<int> g_reads(0);
+// Not a plain mutex: some programs count the calls that lock one.
+std::shared_mutex g_lock;
+tolv::TimeValue g_now(12, 345);
+int g_reads(0);
 
 } // namespace
 
 namespace fakeUptime
 {
 
-tolv::TimeValue g_Now(12, 345);
+void set(const tolv::TimeValue& i_now)
+{
+    const std::lock_guard<std::shared_mutex> l_lock(g_lock);
+    g_now = i_now;
+}
 
 int reads()
 {
+    const std::lock_guard<std::shared_mutex> l_lock(g_lock);
     return g_reads;
 }
 
@@ -26,8 +35,9 @@ tolv::TimeValue getUptime() __asm__("__wrap__ZN4tolv9TimeValue9getUptimeEv");
 
 tolv::TimeValue getUptime()
 {
+    const std::lock_guard<std::shared_mutex> l_lock(g_lock);
     ++g_reads;
-    return g_Now;
+    return g_now;
 }
 
 } // namespace fakeUptime

@@ -82,7 +82,7 @@ TEST_F(FunctionTraceTest, EntryAndExitHaveTheirOwnTimes)
 {
     {
         const FunctionTrace l_trace(iv_Stream, "a/b.cpp", 1, "f()", nullptr);
-        fakeUptime::g_Now = TimeValue(99999999, 7);
+        fakeUptime::set(TimeValue(99999999, 7));
     }
     const std::string l_process = "[" + std::to_string(getpid()) + "]";
     EXPECT_EQ(traceHeader("b.cpp", 1) + ">> f(  )\n" + "[99999999.7      ]" +

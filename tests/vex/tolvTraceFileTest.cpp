@@ -415,7 +415,7 @@ TEST_F(TraceFileTest, HeaderHasUptimeProcessFileAndLine)
     const auto l_headerAt = [&](unsigned int i_seconds, unsigned int i_micros)
     {
         const std::size_t l_before = written().size();
-        fakeUptime::g_Now = TimeValue(i_seconds, i_micros);
+        fakeUptime::set(TimeValue(i_seconds, i_micros));
         l_instance->Printf("src/tolv/vex/tolvApp.cpp", -17, "%s", "");
         return written().substr(l_before);
     };
@@ -431,7 +431,7 @@ TEST_F(TraceFileTest, HeaderHasUptimeProcessFileAndLine)
 
 TEST_F(TraceFileTest, MicrosecondsAreNotPaddedWithZeros)
 {
-    fakeUptime::g_Now = TimeValue(1, 50);
+    fakeUptime::set(TimeValue(1, 50));
     TraceFile::getInstance(iv_Stream)->Printf("a/b.cpp", 1, "%s", "");
     EXPECT_EQ(0U, written().find("[       1.50     ]"));
 }
