@@ -22,9 +22,9 @@ void FdSet::set(OS_HANDLE i_handle)
 void FdSet::reset(OS_HANDLE i_handle)
 {
     FD_CLR(i_handle, &iv_Set);
-    while (iv_Highest != OS_INVALID && !isSet(iv_Highest))
+    if (i_handle == iv_Highest)
     {
-        --iv_Highest;
+        iv_Highest = findHighest();
     }
 }
 
@@ -38,15 +38,14 @@ OS_HANDLE FdSet::highest() const
     return iv_Highest;
 }
 
-// Whole words at a time: a set of one among many costs little.
+// Whole words at a time, here and below: a set of one among many costs little.
 OS_HANDLE FdSet::next(OS_HANDLE i_from) const
 {
     OS_HANDLE l_handle = i_from;
     while (l_handle <= iv_Highest)
     {
-        const auto l_word = static_cast<unsigned long>(
-            __FDS_BITS(&iv_Set)[l_handle / WORD_BITS]);
-        const unsigned long l_rest = l_word >> (l_handle % WORD_BITS);
+        const unsigned long l_rest =
+            word(l_handle / WORD_BITS) >> (l_handle % WORD_BITS);
         if (l_rest != 0)
         {
             return l_handle + __builtin_ctzl(l_rest);
@@ -54,6 +53,25 @@ OS_HANDLE FdSet::next(OS_HANDLE i_from) const
         l_handle = (l_handle / WORD_BITS + 1) * WORD_BITS;
     }
     return OS_INVALID;
+}
+
+// None is above iv_Highest.
+OS_HANDLE FdSet::findHighest() const
+{
+    for (OS_HANDLE l_index = iv_Highest / WORD_BITS; l_index >= 0; --l_index)
+    {
+        const unsigned long l_word = word(l_index);
+        if (l_word != 0)
+        {
+            return (l_index + 1) * WORD_BITS - 1 - __builtin_clzl(l_word);
+        }
+    }
+    return OS_INVALID;
+}
+
+unsigned long FdSet::word(OS_HANDLE i_index) const
+{
+    return static_cast<unsigned long>(__FDS_BITS(&iv_Set)[i_index]);
 }
 
 fd_set* FdSet::view()

@@ -40,6 +40,9 @@ class FdSet
     // The words are the system's own, 32 or 64 bits wide.
     static constexpr OS_HANDLE WORD_BITS = NFDBITS;
 
+    OS_HANDLE findHighest() const;
+    unsigned long word(OS_HANDLE i_index) const;
+
     fd_set iv_Set;
     OS_HANDLE iv_Highest;
 };
