@@ -446,7 +446,7 @@ EventHandler::ACTION MTDispatcher::callBack(EventHandler& io_handler,
 // is still inside stays disabled.
 // Effect: a handler that is busy takes no further read events for it until it
 // calls EnableCallback().
-// Pinned by: DispatcherImplTest.BusyHandlerKeepsItsDescriptorDisabled
+// Pinned by: DispatcherThreadsTest.BusyHandlerKeepsItsDescriptorDisabled
 MTDispatcher::Doomed MTDispatcher::settle(EventRecord& io_record,
                                           EventHandler::ACTION i_action)
 {
