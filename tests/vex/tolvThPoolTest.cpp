@@ -10,6 +10,9 @@
 
 #include <unistd.h>
 
+#include <cerrno>
+#include <csignal>
+
 #include <atomic>
 #include <chrono>
 #include <stdexcept>
@@ -35,6 +38,15 @@ TOLV_PRIVATE_MEMBER(LastBusy, ThreadPool, time_t, iv_LastBusy);
 TOLV_PRIVATE_MEMBER(LastOverflow, ThreadPool, time_t, iv_LastOverflow);
 TOLV_PRIVATE_MEMBER(Lock, ThreadPool, Mutex, iv_Lock);
 TOLV_PRIVATE_MEMBER(Done, ThreadPool, Condition, iv_Done);
+TOLV_PRIVATE_MEMBER(NativeMutex, Mutex, pthread_mutex_t, iv_Mutex);
+
+// What the engine calls.
+typedef bool RequestFunction();
+typedef void ReapFunction();
+typedef int SignalFunction(int);
+TOLV_PRIVATE_MEMBER(Request, ThreadPool, RequestFunction, request);
+TOLV_PRIVATE_MEMBER(Reap, ThreadPool, ReapFunction, reap);
+TOLV_PRIVATE_MEMBER(SignalAll, ThreadPool, SignalFunction, signalAll);
 
 namespace
 {
@@ -43,6 +55,13 @@ constexpr time_t NOON = 1700000000;
 
 std::atomic<int> g_signals(0);    // calls of pthread_cond_signal()
 std::atomic<int> g_broadcasts(0); // calls of pthread_cond_broadcast()
+
+// The threads that pthread_kill() was called for while this pool was set, what
+// it was to return in turn, and whether the pool's lock was held then.
+Mutex* g_lockOfSignals = nullptr;
+std::vector<pthread_t> g_signalled;
+std::vector<int> g_signalResults;
+bool g_signalledUnderLock = true;
 
 // A job whose runs are held up until they are let go one by one.
 class Gate
@@ -175,6 +194,7 @@ extern "C"
 {
     int __real_pthread_cond_signal(pthread_cond_t*);
     int __real_pthread_cond_broadcast(pthread_cond_t*);
+    int __real_pthread_kill(pthread_t, int);
 
     int __wrap_pthread_cond_signal(pthread_cond_t* io_cond)
     {
@@ -186,6 +206,27 @@ extern "C"
     {
         ++g_broadcasts;
         return __real_pthread_cond_broadcast(io_cond);
+    }
+
+    int __wrap_pthread_kill(pthread_t i_thread, int i_signal)
+    {
+        if (g_lockOfSignals == nullptr)
+        {
+            return __real_pthread_kill(i_thread, i_signal);
+        }
+        pthread_mutex_t& l_mutex = g_lockOfSignals->*get(NativeMutex());
+        std::thread(
+            [&]
+            {
+                if (pthread_mutex_trylock(&l_mutex) == 0)
+                {
+                    g_signalledUnderLock = false;
+                    pthread_mutex_unlock(&l_mutex);
+                }
+            })
+            .join();
+        g_signalled.push_back(i_thread);
+        return g_signalResults.at(g_signalled.size() - 1);
     }
 }
 
@@ -787,6 +828,89 @@ TEST_F(ThreadPoolTest, JoinPoolReturnsAtOnceAfterAShutdown)
     EXPECT_EQ(0U, iv_Pool.getPoolDepth());
 }
 
+TEST_F(ThreadPoolTest, RequestLeavesRetiredThreadsToTheReaper)
+{
+    fakeClock::start(NOON);
+    EXPECT_TRUE(startUp(1, 3));
+    growTo(3);
+    EXPECT_FALSE((iv_Pool.*get(Request()))());
+    EXPECT_TRUE(waitForBegun(4));
+    iv_Gate.letGo(1);
+    EXPECT_TRUE(waitForValue(Idle(), 3U));
+    ASSERT_TRUE(waitForTimedWaits(3));
+    fakeClock::advance(901);
+    EXPECT_TRUE(waitForDepth(1));
+    EXPECT_EQ(2U, value(Retired()).size());
+    EXPECT_TRUE((iv_Pool.*get(Request()))());
+    EXPECT_EQ(2U, value(Retired()).size());
+    EXPECT_TRUE(waitForBegun(5));
+    (iv_Pool.*get(Reap()))();
+    EXPECT_TRUE(value(Retired()).empty());
+    (iv_Pool.*get(Reap()))(); // nothing to join
+}
+
+TEST_F(ThreadPoolTest, RequestDuringAShutdownIsOnlyCounted)
+{
+    EXPECT_TRUE(startUp(1, 2));
+    dispatch(1);
+    EXPECT_TRUE(waitForBegun(1));
+    EXPECT_TRUE(iv_Pool.Shutdown(0));
+    EXPECT_FALSE((iv_Pool.*get(Request()))());
+    EXPECT_EQ(1U, value(Pending()));
+    EXPECT_EQ(1U, iv_Pool.getPoolDepth());
+}
+
+TEST_F(ThreadPoolTest, SignalWithoutThreadsReturnsMinusOne)
+{
+    EXPECT_EQ(-1, (iv_Pool.*get(SignalAll()))(0));
+    EXPECT_TRUE(startUp(1, 1));
+    EXPECT_EQ(0, (iv_Pool.*get(SignalAll()))(0));
+    EXPECT_FALSE(iv_Pool.Shutdown(20));
+    EXPECT_EQ(-1, (iv_Pool.*get(SignalAll()))(0));
+}
+
+TEST_F(ThreadPoolTest, SignalGoesToEachThreadInOrderUnderTheLock)
+{
+    EXPECT_TRUE(startUp(3, 4));
+    std::thread l_caller([&] { iv_Pool.JoinPool(); });
+    EXPECT_TRUE(waitForDepth(4));
+    std::vector<pthread_t> l_expected;
+    for (const Thread* l_thread : value(Threads()))
+    {
+        l_expected.push_back(l_thread->getTid());
+    }
+    EXPECT_EQ(l_caller.native_handle(), l_expected.back());
+    g_signalResults = {0, EINVAL, 0, ESRCH};
+    g_lockOfSignals = &(iv_Pool.*get(Lock()));
+    EXPECT_EQ(ESRCH, (iv_Pool.*get(SignalAll()))(SIGUSR1));
+    g_lockOfSignals = nullptr;
+    EXPECT_EQ(l_expected, g_signalled);
+    EXPECT_TRUE(g_signalledUnderLock);
+    EXPECT_FALSE(iv_Pool.Shutdown(20));
+    l_caller.join();
+}
+
+TEST_F(ThreadPoolTest, SignalPassesCallersThatHaveLeft)
+{
+    EXPECT_TRUE(startUp(1, 2));
+    std::thread l_caller([&] { iv_Pool.JoinPool(); });
+    EXPECT_TRUE(waitForDepth(2));
+    dispatch(2);
+    EXPECT_TRUE(waitForBegun(2));
+    EXPECT_TRUE(iv_Pool.Shutdown(0));
+    const pthread_t l_callersThread = l_caller.native_handle();
+    // The threads of a shutdown that timed out stay in the pool.
+    iv_Gate.open();
+    l_caller.join();
+    EXPECT_EQ(2U, iv_Pool.getPoolDepth());
+    g_signalResults = {0, 0};
+    g_lockOfSignals = &(iv_Pool.*get(Lock()));
+    EXPECT_EQ(0, (iv_Pool.*get(SignalAll()))(SIGUSR1));
+    g_lockOfSignals = nullptr;
+    ASSERT_EQ(1U, g_signalled.size());
+    EXPECT_NE(l_callersThread, g_signalled[0]);
+}
+
 TEST_F(ThreadPoolTest, DestructorWaitsForCallersInsideJoinPool)
 {
     for (int l_round = 0; l_round != 50; ++l_round)
@@ -969,6 +1093,31 @@ struct Counter
 };
 
 } // namespace
+
+TEST(ThreadPoolStressTest, SignalsMeetOnlyLiveThreadsWhileTheyComeAndGo)
+{
+    fakeClock::start(NOON);
+    Counter l_counter;
+    ThreadPool l_pool;
+    l_pool.StartUp(1, 8, FunctionRef<Counter>(&l_counter, &Counter::run), true);
+    std::atomic<bool> l_done(false);
+    std::thread l_signaller(
+        [&]
+        {
+            while (!l_done)
+            {
+                EXPECT_EQ(0, (l_pool.*get(SignalAll()))(0));
+            }
+        });
+    for (int l_run = 0; l_run != 5000; ++l_run)
+    {
+        l_pool.Dispatch();
+        fakeClock::advance(1000);
+    }
+    l_done = true;
+    l_signaller.join();
+    EXPECT_FALSE(l_pool.Shutdown(60));
+}
 
 TEST(ThreadPoolStressTest, EveryRunIsMadeOnceWhileWorkersGrowAndRetire)
 {
