@@ -221,7 +221,7 @@ TEST_P(MessagesWithTolvwireTest, LibraryAsksWithAProfile)
     const auto l_channel = channelTo(l_tool);
     NetMessage l_message(0xFFFFFFFF, 0xFFFF, 0x8000, 0, 0);
     l_message.beginProfile();
-    fakeUptime::g_Now = TimeValue(0xFFFFFFFF, 999999);
+    fakeUptime::set(TimeValue(0xFFFFFFFF, 999999));
     l_message.addProfileCheckPoint(1, 2);
     EXPECT_FALSE(l_message.Send(*l_channel));
     EXPECT_EQ("{\"id\": 4294967295, \"type\": 65535, \"subType\": 32768, "
@@ -279,7 +279,7 @@ TEST_P(MessagesWithTolvwireTest, ToolAsksWithAProfile)
                 LIMIT);
     const auto l_channel = channelFrom(l_server);
     NetMessage l_message(0);
-    fakeUptime::g_Now = TimeValue(99, 1);
+    fakeUptime::set(TimeValue(99, 1));
     EXPECT_FALSE(l_message.Receive(*l_channel));
     EXPECT_EQ(0U, l_message.getSize());
     ASSERT_NE(nullptr, l_message.getProfiler());

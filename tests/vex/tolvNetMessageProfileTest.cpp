@@ -95,7 +95,7 @@ TEST_F(NetMessageProfileTest, ProfileTravelsBetweenHeaderAndBody)
     NetMessage l_message(7, 1, 2, 0, 0);
     l_message.setData("\x0A\x0B\x0C", 3);
     l_message.beginProfile();
-    fakeUptime::g_Now = TimeValue(0x01020304, 0x000F423F);
+    fakeUptime::set(TimeValue(0x01020304, 0x000F423F));
     l_message.addProfileCheckPoint(0x1112, 0x1314);
     EXPECT_EQ(60U, l_message.hdrLength());
     EXPECT_EQ(63U, l_message.msgLength());
@@ -223,9 +223,9 @@ TEST_F(NetMessageProfileTest, BeginStampsAndEndStampsAndWritesTheRow)
 {
     NetMessage l_message(0);
     l_message.beginProfile();
-    fakeUptime::g_Now = TimeValue(13, 0);
+    fakeUptime::set(TimeValue(13, 0));
     l_message.addProfileCheckPoint(1, 2);
-    fakeUptime::g_Now = TimeValue(14, 0);
+    fakeUptime::set(TimeValue(14, 0));
     l_message.endProfile(99);
     EXPECT_EQ(nullptr, l_message.getProfiler());
     const std::string l_csv = csv();

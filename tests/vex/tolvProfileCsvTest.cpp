@@ -199,9 +199,9 @@ TEST_F(ProfilerCsvTest, EachCheckPointIsIdAndTime)
 {
     Profiler l_profile;
     l_profile.addStamp();
-    fakeUptime::g_Now = TimeValue(1234, 567);
+    fakeUptime::set(TimeValue(1234, 567));
     l_profile.addCheckPoint(0x0A, 0xB);
-    fakeUptime::g_Now = TimeValue(0xFFFFFFFF, 1000000);
+    fakeUptime::set(TimeValue(0xFFFFFFFF, 1000000));
     l_profile.addStamp();
     l_profile.end(1);
     const std::string l_points = "FFE80000, 12.000345, 000A000B, 1234.000567, "

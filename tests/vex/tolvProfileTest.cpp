@@ -86,7 +86,7 @@ TEST(ProfilerTest, BeginsWithoutCheckPointsAndWithRoomForTwenty)
 TEST(ProfilerTest, CheckPointIsMajorAndMinorAtTheCurrentUptime)
 {
     Profiler l_profile;
-    fakeUptime::g_Now = TimeValue(7, 8);
+    fakeUptime::set(TimeValue(7, 8));
     l_profile.addCheckPoint(0x0102, 0x8304);
     ASSERT_EQ(1U, l_profile.getCheckPoints().size());
     EXPECT_EQ(0x01028304U, l_profile.getCheckPoints()[0].id);
@@ -136,9 +136,9 @@ TEST(ProfilerTest, WireFormIsCountThenIdSecondsMicroseconds)
 {
     Profiler l_profile;
     EXPECT_EQ("00 00 00 00", placed(l_profile));
-    fakeUptime::g_Now = TimeValue(0x01010101, 0x01020304);
+    fakeUptime::set(TimeValue(0x01010101, 0x01020304));
     l_profile.addStamp();
-    fakeUptime::g_Now = TimeValue(5, 6);
+    fakeUptime::set(TimeValue(5, 6));
     l_profile.addCheckPoint(1, 2);
     EXPECT_EQ(TWO_CHECK_POINTS, placed(l_profile));
 }
