@@ -77,8 +77,7 @@ class Sock6ChannelUdpTest : public ::testing::Test
   protected:
     void SetUp() override
     {
-        const std::string l_why = enterOwnNetwork(
-            {std::string(FIRST) + "/128", std::string(SECOND) + "/128"});
+        const std::string l_why = enterOwnNetwork({FIRST, SECOND});
         if (!l_why.empty())
         {
             GTEST_SKIP() << l_why;
