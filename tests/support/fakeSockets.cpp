@@ -30,7 +30,10 @@ std::string copyOf(const void* i_bytes, std::size_t i_length)
 
 void put(const std::string& i_bytes, void* o_room, std::size_t i_room)
 {
-    std::memcpy(o_room, i_bytes.data(), std::min(i_room, i_bytes.size()));
+    if (o_room != nullptr)
+    {
+        std::memcpy(o_room, i_bytes.data(), std::min(i_room, i_bytes.size()));
+    }
 }
 
 // Records a call and takes its answer.
