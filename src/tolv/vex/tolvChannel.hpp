@@ -121,12 +121,15 @@ class TOLV_EXPORT Channel : public Base
     }
 
   protected:
-    // Declared order is the object layout.
+    // Declared order is the object layout. Channels of a daemon's own use them
+    // as the library's do.
+    // NOLINTBEGIN(*-non-private-member-variables-in-classes)
     SockType iv_Type;
     TimeValue iv_TimeOut;   // of receiving
     bool iv_TimeOutEnabled; // whether receiving waits with iv_TimeOut
     bool iv_TimedOut;       // how the last receiving ended
     OS_HANDLE iv_Fd;        // owned, or OS_INVALID
+    // NOLINTEND(*-non-private-member-variables-in-classes)
 
   private:
     friend class ChannelIo;

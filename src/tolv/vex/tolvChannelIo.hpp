@@ -27,6 +27,7 @@ class ChannelIo
   public:
     /// i_name: the channel's class, as the messages have it.
     ChannelIo(Channel& io_channel, const char* i_name);
+    virtual ~ChannelIo() = default;
     ChannelIo(const ChannelIo&) = delete;
     ChannelIo& operator=(const ChannelIo&) = delete;
 
@@ -45,8 +46,6 @@ class ChannelIo
                        std::string& io_text);
 
   protected:
-    ~ChannelIo() = default;
-
     OS_HANDLE handle() const;
     SockType type() const;
 

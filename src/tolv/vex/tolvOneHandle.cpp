@@ -7,7 +7,7 @@ OneHandle::OneHandle(OS_HANDLE i_handle) : iv_Handle(i_handle), iv_Small()
 {
     if (iv_Handle >= FD_SETSIZE)
     {
-        iv_Large.resize(static_cast<std::size_t>(iv_Handle / NFDBITS + 1));
+        iv_Large.resize(static_cast<std::size_t>(iv_Handle) / NFDBITS + 1);
     }
     if (iv_Handle >= 0)
     {

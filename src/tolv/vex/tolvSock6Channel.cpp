@@ -144,6 +144,8 @@ void Sock6Io::keepArrival(msghdr& io_message)
 // Pinned by: Sock6ChannelTest.WriteToAClosedPeerRaisesSigpipe
 ssize_t Sock6Io::sendInet(const void* i_buf, std::size_t i_bytes)
 {
+    // The same structure serves receiving.
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast)
     iovec l_part = {const_cast<void*>(i_buf), i_bytes};
     msghdr l_message = messageTo(iv_Owner.iv_RemoteAddr, l_part);
     ControlMessage l_source =
