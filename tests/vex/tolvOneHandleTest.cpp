@@ -45,11 +45,10 @@ TEST(OneHandleTest, HandleThatSelectTookOutIsNotSet)
     for (const OS_HANDLE l_handle : {5, 1500})
     {
         OneHandle l_set(l_handle);
-        std::memset(l_set.view(), 0, static_cast<std::size_t>(l_handle / 8));
+        const auto l_word = static_cast<std::size_t>(l_handle / NFDBITS);
+        std::memset(l_set.view(), 0, l_word * sizeof(fd_mask));
         EXPECT_TRUE(l_set.isSet());
-        std::memset(l_set.view(), 0,
-                    static_cast<std::size_t>(l_handle / NFDBITS + 1) *
-                        sizeof(fd_mask));
+        std::memset(l_set.view(), 0, (l_word + 1) * sizeof(fd_mask));
         EXPECT_FALSE(l_set.isSet());
     }
 }
