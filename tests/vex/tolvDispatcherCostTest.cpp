@@ -27,7 +27,7 @@ namespace
 {
 
 constexpr std::size_t DESCRIPTORS = 900;
-constexpr std::uint64_t EVENTS = 1000;
+constexpr std::uint32_t EVENTS = 1000;
 
 std::atomic<int> g_allocations(0);
 
@@ -125,7 +125,7 @@ struct CountingHandler : EventHandler
         return ACTION_CONTINUE;
     }
 
-    std::atomic<std::uint64_t> iv_Events{0};
+    std::atomic<std::uint32_t> iv_Events{0};
 };
 
 class DispatcherCostTest : public EngineTest
