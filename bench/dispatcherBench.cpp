@@ -8,10 +8,11 @@
 #include <sys/select.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <chrono>
-#include <condition_variable>
 #include <cstdlib>
+#include <ctime>
+
+#include <atomic>
+#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -21,7 +22,15 @@ namespace
 
 constexpr int CHUNK = 256; // events of one measurement
 
-typedef std::chrono::steady_clock Clock;
+// What all threads of the process have spent, in seconds: the one that
+// measures sleeps meanwhile. Other work of the machine does not count.
+double processorTime()
+{
+    timespec l_now = {};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &l_now);
+    return static_cast<double>(l_now.tv_sec) +
+           static_cast<double>(l_now.tv_nsec) * 1e-9;
+}
 
 // Counts a chunk of events and times it: from the first to the last but one.
 class Meter
@@ -33,7 +42,7 @@ class Meter
     {
         if (iv_Count == 0)
         {
-            iv_Begin = Clock::now();
+            iv_Begin = processorTime();
         }
         ++iv_Count;
         return iv_Count > CHUNK;
@@ -42,19 +51,19 @@ class Meter
     void finish()
     {
         const std::lock_guard<std::mutex> l_lock(iv_Lock);
-        iv_End = Clock::now();
+        iv_End = processorTime();
         iv_Count = 0;
         iv_Finished = true;
         iv_Done.notify_one();
     }
 
-    // Returns how long one chunk took, in seconds.
+    // Returns what one chunk took, in seconds.
     double wait()
     {
         std::unique_lock<std::mutex> l_lock(iv_Lock);
         iv_Done.wait(l_lock, [this] { return iv_Finished; });
         iv_Finished = false;
-        return std::chrono::duration<double>(iv_End - iv_Begin).count();
+        return iv_End - iv_Begin;
     }
 
   private:
@@ -62,47 +71,113 @@ class Meter
     std::condition_variable iv_Done;
     bool iv_Finished = false;
     int iv_Count = 0; // no two events of a source at once
-    Clock::time_point iv_Begin;
-    Clock::time_point iv_End;
+    double iv_Begin = 0;
+    double iv_End = 0;
 };
 
-// A descriptor that stays readable until its handler has had a chunk of
-// events, and a timer that is always due for as long.
-class Source : public tolv::EventHandler
+// A descriptor that a handler can be called for.
+class Event
 {
   public:
-    explicit Source(tolv::Dispatcher& io_dispatcher) :
-        EventHandler(io_dispatcher), iv_Event(eventfd(0, EFD_CLOEXEC))
+    Event() : iv_Handle(eventfd(0, EFD_CLOEXEC))
     {
-        if (iv_Event < 0)
+        check(iv_Handle >= 0);
+    }
+
+    ~Event()
+    {
+        close(iv_Handle);
+    }
+
+    Event(const Event&) = delete;
+    Event& operator=(const Event&) = delete;
+
+    tolv::OS_HANDLE handle() const
+    {
+        return iv_Handle;
+    }
+
+    // Readable from now on.
+    void start() const
+    {
+        check(eventfd_write(iv_Handle, 1) == 0);
+    }
+
+    void stop() const
+    {
+        eventfd_t l_value = 0;
+        check(eventfd_read(iv_Handle, &l_value) == 0);
+    }
+
+  private:
+    static void check(bool i_done)
+    {
+        if (!i_done)
         {
             std::abort();
         }
     }
 
-    ~Source() override
-    {
-        close(iv_Event);
-    }
+    int iv_Handle;
+};
 
-    Source(const Source&) = delete;
-    Source& operator=(const Source&) = delete;
+class IdleHandler : public tolv::EventHandler
+{
+  public:
+    using EventHandler::EventHandler;
 
     void Dump(FILE* /*o_stream*/) override {}
 
-    ACTION HandleEvent(tolv::OS_HANDLE /*i_handle*/, EVENT i_event) override
+    ACTION HandleEvent(tolv::OS_HANDLE /*i_handle*/, EVENT /*i_event*/) override
     {
-        if (i_event == EVENT_READ && iv_Meter.count())
+        return ACTION_CONTINUE;
+    }
+};
+
+// Takes a chunk of events after each start(), or of ticks after each
+// AddTimer(). Made with new; the dispatcher destroys it after a retire().
+class BusyHandler : public tolv::EventHandler
+{
+  public:
+    BusyHandler(tolv::Dispatcher& io_dispatcher, const Event& i_event,
+                Meter& io_meter) :
+        EventHandler(io_dispatcher),
+        iv_Event(i_event), iv_Meter(io_meter), iv_Retiring(false)
+    {
+    }
+
+    ~BusyHandler() override
+    {
+        iv_Meter.finish();
+    }
+
+    BusyHandler(const BusyHandler&) = delete;
+    BusyHandler& operator=(const BusyHandler&) = delete;
+
+    void Dump(FILE* /*o_stream*/) override {}
+
+    ACTION HandleEvent(tolv::OS_HANDLE /*i_handle*/, EVENT /*i_event*/) override
+    {
+        if (iv_Retiring)
         {
-            stop(); // before the next start()
+            iv_Event.stop();
+            return ACTION_REMOVE;
+        }
+        if (iv_Meter.count())
+        {
+            iv_Event.stop(); // before the next start()
             iv_Meter.finish();
         }
         return ACTION_CONTINUE;
     }
 
-    ACTION TimerTick(tolv::Timer_t /*i_timer*/, EVENT i_event) override
+    ACTION TimerTick(tolv::Timer_t /*i_timer*/, EVENT /*i_event*/) override
     {
-        if (i_event == EVENT_TIMER && iv_Meter.count())
+        if (iv_Retiring)
+        {
+            return ACTION_REMOVE;
+        }
+        if (iv_Meter.count())
         {
             iv_Meter.finish();
             return ACTION_UNREGISTER;
@@ -110,40 +185,20 @@ class Source : public tolv::EventHandler
         return ACTION_CONTINUE;
     }
 
-    tolv::OS_HANDLE handle() const
+    // The next callback is the last one.
+    void retire()
     {
-        return iv_Event;
-    }
-
-    void start() const
-    {
-        if (eventfd_write(iv_Event, 1) != 0)
-        {
-            std::abort();
-        }
-    }
-
-    void stop() const
-    {
-        eventfd_t l_value = 0;
-        if (eventfd_read(iv_Event, &l_value) != 0)
-        {
-            std::abort();
-        }
-    }
-
-    double wait()
-    {
-        return iv_Meter.wait();
+        iv_Retiring = true;
     }
 
   private:
-    int iv_Event;
-    Meter iv_Meter;
+    const Event& iv_Event;
+    Meter& iv_Meter;
+    std::atomic<bool> iv_Retiring;
 };
 
-// The dispatchers and sources of the whole run: a source is registered for one
-// measurement, with one dispatcher.
+// What lives for the whole run. Idle handlers are never called, so they may
+// serve both dispatchers.
 class Rig
 {
   public:
@@ -163,42 +218,53 @@ class Rig
         return iv_Threads;
     }
 
-    // The last of so many.
-    Source& source(std::int64_t i_count)
+    Event& event(std::int64_t i_index)
     {
-        while (static_cast<std::int64_t>(iv_Sources.size()) < i_count)
-        {
-            iv_Sources.push_back(std::make_unique<Source>(iv_Single));
-        }
-        return *iv_Sources[static_cast<std::size_t>(i_count - 1)];
+        return iv_Events[static_cast<std::size_t>(i_index)];
+    }
+
+    IdleHandler& idle(std::int64_t i_index)
+    {
+        return *iv_Idle[static_cast<std::size_t>(i_index)];
     }
 
   private:
-    Rig() : iv_Sources(), iv_Single(1, 1, false), iv_Threads(4, 4, false) {}
+    static constexpr std::size_t MOST = 900;
 
-    std::vector<std::unique_ptr<Source>> iv_Sources;
+    Rig() :
+        iv_None(true), iv_Events(MOST), iv_Idle(), iv_Single(1, 1, false),
+        iv_Threads(4, 4, false)
+    {
+        while (iv_Idle.size() < MOST)
+        {
+            iv_Idle.push_back(std::make_unique<IdleHandler>(iv_None));
+        }
+    }
+
+    tolv::Dispatcher iv_None;
+    std::vector<Event> iv_Events;
+    std::vector<std::unique_ptr<IdleHandler>> iv_Idle;
     tolv::Dispatcher iv_Single; // these two go first
     tolv::Dispatcher iv_Threads;
 };
 
-// The kernel's part of an event: the wait for it.
+// The kernel's part of an event: the wait for it. The last descriptor is the
+// busy one, here and below.
 void selectAlone(benchmark::State& io_state)
 {
     Rig& l_rig = Rig::instance();
-    const Source& l_busy = l_rig.source(io_state.range(0));
+    const Event& l_busy = l_rig.event(io_state.range(0) - 1);
     fd_set l_watched = {};
-    int l_highest = 0;
-    for (std::int64_t l_count = 1; l_count <= io_state.range(0); ++l_count)
+    for (std::int64_t l_index = 0; l_index != io_state.range(0); ++l_index)
     {
-        const int l_handle = l_rig.source(l_count).handle();
-        FD_SET(l_handle, &l_watched);
-        l_highest = std::max(l_highest, l_handle);
+        FD_SET(l_rig.event(l_index).handle(), &l_watched);
     }
     l_busy.start();
     for ([[maybe_unused]] const auto l_iteration : io_state)
     {
         fd_set l_ready = l_watched;
-        if (select(l_highest + 1, &l_ready, nullptr, nullptr, nullptr) != 1)
+        if (select(l_busy.handle() + 1, &l_ready, nullptr, nullptr, nullptr) !=
+            1)
         {
             io_state.SkipWithError("select");
         }
@@ -206,30 +272,39 @@ void selectAlone(benchmark::State& io_state)
     l_busy.stop();
 }
 
+double serveChunk(const Event& i_busy, Meter& io_meter)
+{
+    i_busy.start();
+    return io_meter.wait();
+}
+
 void serveEvents(benchmark::State& io_state, tolv::Dispatcher& io_dispatcher)
 {
     Rig& l_rig = Rig::instance();
-    Source& l_busy = l_rig.source(io_state.range(0));
-    for (std::int64_t l_count = 1; l_count <= io_state.range(0); ++l_count)
+    const std::int64_t l_last = io_state.range(0) - 1;
+    const Event& l_event = l_rig.event(l_last);
+    Meter l_meter;
+    auto* const l_busy = new BusyHandler(io_dispatcher, l_event, l_meter);
+    for (std::int64_t l_index = 0; l_index != l_last; ++l_index)
     {
-        Source& l_source = l_rig.source(l_count);
-        io_dispatcher.Register(l_source.handle(), l_source,
+        io_dispatcher.Register(l_rig.event(l_index).handle(),
+                               l_rig.idle(l_index),
                                tolv::EventHandler::EVENT_READ);
     }
+    io_dispatcher.Register(l_event.handle(), *l_busy,
+                           tolv::EventHandler::EVENT_READ);
     // The registrations' wake-ups go with events that are not measured.
-    for (int l_count = 0; l_count != 2; ++l_count)
-    {
-        l_busy.start();
-        l_busy.wait();
-    }
+    serveChunk(l_event, l_meter);
+    serveChunk(l_event, l_meter);
     while (io_state.KeepRunningBatch(CHUNK))
     {
-        l_busy.start();
-        io_state.SetIterationTime(l_busy.wait());
+        io_state.SetIterationTime(serveChunk(l_event, l_meter));
     }
-    for (std::int64_t l_count = 1; l_count <= io_state.range(0); ++l_count)
+    l_busy->retire();
+    serveChunk(l_event, l_meter);
+    for (std::int64_t l_index = 0; l_index != l_last; ++l_index)
     {
-        io_dispatcher.Unregister(l_rig.source(l_count).handle());
+        io_dispatcher.Unregister(l_rig.event(l_index).handle());
     }
 }
 
@@ -243,27 +318,31 @@ void eventThreads(benchmark::State& io_state)
     serveEvents(io_state, Rig::instance().threads());
 }
 
+double tickChunk(tolv::EventHandler& io_busy, Meter& io_meter)
+{
+    tolv::TimeValue l_none;
+    Rig::instance().single().AddTimer(io_busy, l_none);
+    return io_meter.wait();
+}
+
 void tick(benchmark::State& io_state)
 {
     Rig& l_rig = Rig::instance();
-    Source& l_busy = l_rig.source(1);
-    std::vector<tolv::Timer_t> l_timers;
+    Meter l_meter;
+    auto* const l_busy =
+        new BusyHandler(l_rig.single(), l_rig.event(0), l_meter);
     for (std::int64_t l_count = 1; l_count < io_state.range(0); ++l_count)
     {
         tolv::TimeValue l_span(
             static_cast<unsigned int>(1000000 + l_count * 7919 % 10000));
-        l_timers.push_back(l_rig.single().AddTimer(l_busy, l_span));
+        l_rig.single().AddTimer(*l_busy, l_span);
     }
     while (io_state.KeepRunningBatch(CHUNK))
     {
-        tolv::TimeValue l_none;
-        l_rig.single().AddTimer(l_busy, l_none);
-        io_state.SetIterationTime(l_busy.wait());
+        io_state.SetIterationTime(tickChunk(*l_busy, l_meter));
     }
-    for (const tolv::Timer_t l_timer : l_timers)
-    {
-        l_rig.single().CancelTimer(l_timer);
-    }
+    l_busy->retire();
+    tickChunk(*l_busy, l_meter);
 }
 
 BENCHMARK(selectAlone)->Arg(1)->Arg(100)->Arg(900);

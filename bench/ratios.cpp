@@ -51,7 +51,9 @@ void KeepingReporter::ReportRuns(const std::vector<Run>& i_runs)
     {
         if (l_run.run_type == Run::RT_Iteration && !l_run.error_occurred)
         {
-            const double l_time = l_run.GetAdjustedRealTime();
+            const double l_time = l_run.run_name.time_type.empty()
+                                      ? l_run.GetAdjustedCPUTime()
+                                      : l_run.GetAdjustedRealTime();
             const auto l_kept = iv_Times.emplace(l_run.run_name.function_name +
                                                      "/" + l_run.run_name.args,
                                                  l_time);

@@ -8,8 +8,9 @@
 #include <string>
 #include <vector>
 
-/// Prints results as they come and keeps the shortest time of each benchmark:
-/// what else the machine does makes the others longer.
+/// Prints results as they come and keeps the shortest time of each benchmark.
+/// Times are the processor's, also those that a benchmark takes itself: what
+/// else the machine does hardly counts.
 class KeepingReporter : public benchmark::ConsoleReporter
 {
   public:

@@ -13,7 +13,7 @@ namespace
 
 constexpr int CHUNK = 64; // operations between two looks at the clock
 
-const tolv::TimeValue NOW(1000);
+const tolv::TimeValue NOW(1000); // NOLINT(cert-err58-cpp): throws nothing
 
 class IdleHandler : public tolv::EventHandler
 {
@@ -76,7 +76,7 @@ class Queue
     tolv::TimerQueue iv_Queue;
     std::vector<tolv::Timer_t> iv_Ids;
     tolv::Timer_t iv_LastId = 0;
-    std::mt19937 iv_Random{1};
+    std::mt19937 iv_Random{1}; // NOLINT(cert-msc32-c,cert-msc51-cpp)
 };
 
 // The number of timers stays within a chunk of what was asked for.

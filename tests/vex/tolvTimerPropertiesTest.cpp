@@ -40,7 +40,9 @@ class TimerPropertiesTest : public testing::Test
     TimerProperties iv_Timer;
 };
 
-typedef TimerPropertiesTest TimerPropertiesDeathTest;
+class TimerPropertiesDeathTest : public TimerPropertiesTest
+{
+};
 
 } // namespace
 
