@@ -27,7 +27,7 @@ void TimerQueue::add(Timer_t i_id, EventHandler& io_handler,
     Node& l_node =
         iv_Timers
             .emplace(std::piecewise_construct, std::forward_as_tuple(i_id),
-                     std::forward_as_tuple(i_id))
+                     std::forward_as_tuple(i_id, iv_Armed.end()))
             .first->second;
     l_node.setHandler(io_handler);
     iv_ByHandler.emplace(&io_handler, i_id);
@@ -156,20 +156,21 @@ void TimerQueue::link(Node& io_node)
     io_node.iv_Place = ++iv_LastPlace;
     if (io_node.iv_Link.empty())
     {
-        iv_Armed.insert(&io_node);
+        io_node.iv_Position = iv_Armed.insert(&io_node).first;
     }
     else
     {
-        iv_Armed.insert(std::move(io_node.iv_Link));
+        io_node.iv_Position =
+            iv_Armed.insert(std::move(io_node.iv_Link)).position;
     }
 }
 
 void TimerQueue::unlink(Node& io_node)
 {
-    Armed::node_type l_link = iv_Armed.extract(&io_node);
-    if (!l_link.empty())
+    if (io_node.iv_Position != iv_Armed.end())
     {
-        io_node.iv_Link = std::move(l_link);
+        io_node.iv_Link = iv_Armed.extract(io_node.iv_Position);
+        io_node.iv_Position = iv_Armed.end();
     }
 }
 

@@ -87,12 +87,13 @@ class TimerQueue
     // allocates nothing.
     struct Node : TimerProperties
     {
-        explicit Node(Timer_t i_id) :
-            TimerProperties(i_id), iv_Place(0), iv_Link()
+        Node(Timer_t i_id, Armed::iterator i_none) :
+            TimerProperties(i_id), iv_Place(0), iv_Position(i_none), iv_Link()
         {
         }
 
-        std::uint64_t iv_Place; // among timers of equal expiry
+        std::uint64_t iv_Place;      // among timers of equal expiry
+        Armed::iterator iv_Position; // the end unless it is armed
         Armed::node_type iv_Link;
     };
 
