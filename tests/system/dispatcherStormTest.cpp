@@ -19,7 +19,7 @@ using namespace tolv;
 namespace
 {
 
-typedef EventHandler::ACTION ACTION;
+using ACTION = EventHandler::ACTION;
 constexpr ACTION CONTINUE = EventHandler::ACTION_CONTINUE;
 constexpr ACTION REMOVE = EventHandler::ACTION_REMOVE;
 

@@ -252,6 +252,7 @@ void comeAndGo(std::vector<std::unique_ptr<Visitor>>& io_visitors,
 
 TEST(DispatcherStressTest, EveryByteIsServedOnceWhileDescriptorsComeAndGo)
 {
+    // cppcheck-suppress variableScope ; they outlive the dispatcher
     std::vector<std::unique_ptr<Visitor>> l_visitors;
     {
         Dispatcher l_dispatcher(THREADS, THREADS, false);

@@ -43,7 +43,7 @@ TOLV_PRIVATE_MEMBER(Handles, MTDispatcher, HandleTable, iv_Handles);
 namespace
 {
 
-typedef EventHandler::ACTION ACTION;
+using ACTION = EventHandler::ACTION;
 constexpr ACTION CONTINUE = EventHandler::ACTION_CONTINUE;
 constexpr ACTION UNREGISTER = EventHandler::ACTION_UNREGISTER;
 constexpr ACTION REMOVE = EventHandler::ACTION_REMOVE;
@@ -198,8 +198,8 @@ TEST(DispatcherSlotTest, OperationsHaveTheirSlots)
     EXPECT_EQ(6U, virtualSlot(&Dispatcher::CancelTimer));
     EXPECT_EQ(7U, virtualSlot(&Dispatcher::ExpireTimer));
     EXPECT_EQ(8U, virtualSlot(&Dispatcher::ProcessEvents));
-    typedef void (Dispatcher::*OnHandle)(OS_HANDLE);
-    typedef void (Dispatcher::*OnTimer)(Timer_t);
+    using OnHandle = void (Dispatcher::*)(OS_HANDLE);
+    using OnTimer = void (Dispatcher::*)(Timer_t);
     EXPECT_EQ(9U, virtualSlot<OnHandle>(&Dispatcher::EnableCallback));
     EXPECT_EQ(10U, virtualSlot<OnTimer>(&Dispatcher::EnableCallback));
     EXPECT_EQ(11U, virtualSlot(&Dispatcher::Shutdown));

@@ -30,7 +30,7 @@
 
 using namespace tolv;
 
-typedef int Pair[2];
+using Pair = int[2];
 TOLV_PRIVATE_MEMBER(Outgoing, MTDispatcher, Pair, iv_Outgoing);
 TOLV_PRIVATE_MEMBER(RegLock, MTDispatcher, Mutex, iv_RegLock);
 TOLV_PRIVATE_MEMBER(Handles, MTDispatcher, HandleTable, iv_Handles);
@@ -49,7 +49,7 @@ TOLV_PRIVATE_MEMBER(HandlerThreads, EventHandler, std::int32_t,
 namespace
 {
 
-typedef EventHandler::ACTION ACTION;
+using ACTION = EventHandler::ACTION;
 constexpr ACTION CONTINUE = EventHandler::ACTION_CONTINUE;
 constexpr ACTION REFRESH = EventHandler::ACTION_REFRESH;
 constexpr ACTION UNREGISTER = EventHandler::ACTION_UNREGISTER;
@@ -208,7 +208,7 @@ class DispatcherThreadsTest : public testing::Test
     }
 };
 
-typedef DispatcherThreadsTest DispatcherRemovalTest;
+using DispatcherRemovalTest = DispatcherThreadsTest;
 
 } // namespace
 

@@ -41,9 +41,9 @@ TOLV_PRIVATE_MEMBER(Done, ThreadPool, Condition, iv_Done);
 TOLV_PRIVATE_MEMBER(NativeMutex, Mutex, pthread_mutex_t, iv_Mutex);
 
 // What the engine calls.
-typedef bool RequestFunction();
-typedef void ReapFunction();
-typedef int SignalFunction(int);
+using RequestFunction = bool();
+using ReapFunction = void();
+using SignalFunction = int(int);
 TOLV_PRIVATE_MEMBER(Request, ThreadPool, RequestFunction, request);
 TOLV_PRIVATE_MEMBER(Reap, ThreadPool, ReapFunction, reap);
 TOLV_PRIVATE_MEMBER(SignalAll, ThreadPool, SignalFunction, signalAll);
