@@ -871,7 +871,7 @@ TEST_F(ThreadPoolTest, SignalWithoutThreadsReturnsMinusOne)
 
 TEST_F(ThreadPoolTest, SignalGoesToEachThreadInOrderUnderTheLock)
 {
-    EXPECT_TRUE(startUp(3, 4));
+    EXPECT_TRUE(startUp(3, 4, false));
     std::thread l_caller([&] { iv_Pool.JoinPool(); });
     EXPECT_TRUE(waitForDepth(4));
     std::vector<pthread_t> l_expected;
@@ -892,7 +892,7 @@ TEST_F(ThreadPoolTest, SignalGoesToEachThreadInOrderUnderTheLock)
 
 TEST_F(ThreadPoolTest, SignalPassesCallersThatHaveLeft)
 {
-    EXPECT_TRUE(startUp(1, 2));
+    EXPECT_TRUE(startUp(1, 2, false));
     std::thread l_caller([&] { iv_Pool.JoinPool(); });
     EXPECT_TRUE(waitForDepth(2));
     dispatch(2);
