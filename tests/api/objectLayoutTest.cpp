@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
@@ -80,6 +81,15 @@ template struct Open<
 template struct Open<Channel, &Channel::iv_Type, &Channel::iv_TimeOut,
                      &Channel::iv_TimeOutEnabled, &Channel::iv_TimedOut,
                      &Channel::iv_Fd>;
+template struct Open<Service, &Service::iv_pChannel>;
+template struct Open<Acc, &Acc::iv_Factory>;
+template struct Open<SockAcc, &SockAcc::iv_Host, &SockAcc::iv_Port,
+                     &SockAcc::iv_SockType>;
+template struct Open<Sock6Acc, &Sock6Acc::iv_Host, &Sock6Acc::iv_Port,
+                     &Sock6Acc::iv_SockType>;
+template struct Open<Conn, &Conn::iv_SockType, &Conn::iv_TimeOut,
+                     &Conn::iv_TimeOutEnabled>;
+template struct Open<App, &App::iv_Pid>;
 template struct Open<SockChannel, &SockChannel::iv_RemoteAddr,
                      &SockChannel::iv_RemoteAddrText>;
 template struct Open<Sock6Channel, &Sock6Channel::iv_RemoteAddr,
@@ -227,4 +237,34 @@ TEST(ObjectLayoutTest, SockChannelAppendsToChannel)
 TEST(ObjectLayoutTest, Sock6ChannelAppendsToChannel)
 {
     expectLayout<Sock6Channel>(endOfChannel());
+}
+
+// EventHandler: type, dispatcher, thread count, removal flag.
+static constexpr std::size_t END_OF_HANDLER =
+    2 * TYPE_POINTER + sizeof(std::int32_t) + sizeof(bool);
+
+TEST(ObjectLayoutTest, ServiceAppendsItsChannelToEventHandler)
+{
+    expectLayout<Service>(END_OF_HANDLER);
+}
+
+TEST(ObjectLayoutTest, AcceptorsAppendToEventHandler)
+{
+    expectLayout<Acc>(END_OF_HANDLER);
+    const std::size_t l_end =
+        memberOffsets<Acc>().back() + sizeof(Acc::Factory_t);
+    expectLayout<SockAcc>(l_end);
+    expectLayout<Sock6Acc>(l_end);
+    EXPECT_EQ(sizeof(EventHandler), sizeof(SctpLinkCheckEH));
+}
+
+TEST(ObjectLayoutTest, ConnKeepsItsOrder)
+{
+    expectLayout<Conn>(TYPE_POINTER);
+    EXPECT_EQ(sizeof(Conn), sizeof(SockConn));
+}
+
+TEST(ObjectLayoutTest, AppIsTheProcessIdentifier)
+{
+    expectLayout<App>(TYPE_POINTER);
 }

@@ -114,3 +114,43 @@ TEST(VirtualSlotTest, DispatcherKeepsItsOrder)
     EXPECT_EQ(13U, virtualSlot(&Dispatcher::RaiseSignal));
     EXPECT_EQ(14U, virtualSlots<Dispatcher>());
 }
+
+TEST(VirtualSlotTest, ServiceAppendsItsFourToEventHandler)
+{
+    using OpenChannel = void (Service::*)();
+    using OpenHandle = void (Service::*)(OS_HANDLE);
+    EXPECT_EQ(7U, virtualSlot(&Service::RefreshHandler));
+    EXPECT_EQ(8U, virtualSlot(&Service::setChannel));
+    EXPECT_EQ(9U, virtualSlot(OpenChannel(&Service::Open)));
+    EXPECT_EQ(10U, virtualSlot(OpenHandle(&Service::Open)));
+    EXPECT_EQ(11U, virtualSlot(&Service::Close));
+    EXPECT_EQ(12U, virtualSlots<Service>());
+}
+
+TEST(VirtualSlotTest, AcceptorsHaveTheSlotsOfEventHandler)
+{
+    EXPECT_EQ(8U, virtualSlots<Acc>());
+    EXPECT_EQ(8U, virtualSlots<SockAcc>());
+    EXPECT_EQ(8U, virtualSlots<Sock6Acc>());
+    EXPECT_EQ(4U, virtualSlot(&SockAcc::Dump));
+    EXPECT_EQ(5U, virtualSlot(&SockAcc::HandleEvent));
+}
+
+TEST(VirtualSlotTest, ConnAppendsDumpToBase)
+{
+    EXPECT_EQ(4U, virtualSlot(&Conn::Dump));
+    EXPECT_EQ(5U, virtualSlots<Conn>());
+    EXPECT_EQ(5U, virtualSlots<SockConn>());
+}
+
+TEST(VirtualSlotTest, LinkCheckHasTheSlotsOfEventHandler)
+{
+    EXPECT_EQ(8U, virtualSlots<SctpLinkCheckEH>());
+}
+
+TEST(VirtualSlotTest, AppAppendsDumpAndRunToBase)
+{
+    EXPECT_EQ(4U, virtualSlot(&App::Dump));
+    EXPECT_EQ(5U, virtualSlot(&App::Run));
+    EXPECT_EQ(6U, virtualSlots<App>());
+}

@@ -448,9 +448,9 @@ TEST_F(SctpServiceTest, PortWithoutAListenerIsRefused)
 
 TEST(SctpTuningTest, SocketThatIsNotSctpCannotBeTuned)
 {
-    const int l_fd = socket(AF_INET, SOCK_STREAM, 0);
     SockAddr_t l_peer = {};
     ASSERT_EQ(1, initSockAddrStruct("127.0.0.1", 0, l_peer, SOCK_TYPE_SCTP));
+    const int l_fd = socket(AF_INET, SOCK_STREAM, 0);
     const pError_t l_error = SetSctpSocketProperties(l_fd, l_peer);
     ASSERT_TRUE(l_error);
     EXPECT_EQ(0x4411, l_error->getReason());
@@ -460,9 +460,9 @@ TEST(SctpTuningTest, SocketThatIsNotSctpCannotBeTuned)
 
 TEST(SctpTuningTest, PeerThatIsUnknownCannotBeTuned)
 {
-    const int l_fd = socket(AF_INET, SOCK_STREAM, IPPROTO_SCTP);
     SockAddr_t l_peer = {};
     ASSERT_EQ(1, initSockAddrStruct("127.0.0.1", 0, l_peer, SOCK_TYPE_SCTP));
+    const int l_fd = socket(AF_INET, SOCK_STREAM, IPPROTO_SCTP);
     const pError_t l_error = SetSctpSocketProperties(l_fd, l_peer);
     ASSERT_TRUE(l_error);
     EXPECT_EQ(0x4412, l_error->getReason());

@@ -120,6 +120,7 @@ extern "C"
     }
 
     // PlatformProcessSetup()
+    // cppcheck-suppress constParameter; the declaration is the platform's
     int __wrap__Z20PlatformProcessSetupPvb(void* i_argument, bool i_flag)
     {
         g_calls.push_back(std::string("setup ") +

@@ -90,7 +90,7 @@ pError_t AccSteps<ACCEPTOR, FAMILY>::open(ACCEPTOR& io_acc)
     {
         io_acc.iv_Dispatcher.Register(l_fd, io_acc, EventHandler::EVENT_READ);
     }
-    return l_error;
+    return pError_t();
 }
 
 template <class ACCEPTOR, class FAMILY>
