@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -21,19 +22,27 @@
 using namespace tolv;
 
 // Messages between the library and tools/tolvwire.py, which shares nothing
-// with it but the format. TOLV_WIRE is the tool's path.
+// with it but the format.
 
 namespace
 {
+
+std::string toolPath()
+{
+    const std::filesystem::path l_tests =
+        std::filesystem::path(__FILE__).parent_path().parent_path();
+    return l_tests.parent_path() / "tools" / "tolvwire.py";
+}
 
 // The tool, running. What it prints comes line by line, errors as well.
 class Tool
 {
   public:
     explicit Tool(const std::string& i_arguments) :
-        iv_Output(popen(
-            ("exec python3 '" TOLV_WIRE "' " + i_arguments + " 2>&1").c_str(),
-            "re"))
+        iv_Output(
+            popen(("exec python3 '" + toolPath() + "' " + i_arguments + " 2>&1")
+                      .c_str(),
+                  "re"))
     {
         EXPECT_NE(nullptr, iv_Output);
     }

@@ -14,9 +14,9 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 
+#include <algorithm>
 #include <atomic>
 #include <fstream>
 #include <iterator>
@@ -116,7 +116,7 @@ extern "C"
     int __wrap_gethostname(char* o_name, size_t i_size)
     {
         EXPECT_LT(64U, i_size);
-        std::memcpy(o_name, "node1", 5);
+        std::copy_n("node1", 5, o_name);
         return 0;
     }
 
@@ -129,7 +129,7 @@ extern "C"
             return -1;
         }
         EXPECT_LE(g_executable.size(), i_size);
-        std::memcpy(o_path, g_executable.data(), g_executable.size());
+        std::copy(g_executable.begin(), g_executable.end(), o_path);
         return static_cast<ssize_t>(g_executable.size());
     }
 

@@ -31,8 +31,11 @@ constexpr unsigned short STAMP_MINOR = 0;
 // Wire form: a count, then so many checkpoints of three words (id, seconds,
 // microseconds), every word 32 bits with the most significant byte first. DO
 // NOT CHANGE: peers built separately speak it. Drawn in docs/wire-format.md.
-constexpr unsigned int WORD = 4;                   // bytes
-constexpr unsigned int CHECK_POINT = 3 * WORD;     // bytes
+constexpr unsigned int WORD = 4;               // bytes
+constexpr unsigned int CHECK_POINT = 3 * WORD; // bytes
+constexpr unsigned int OFF_SECONDS = WORD;
+constexpr unsigned int OFF_MICROSECONDS = 8;
+static_assert(OFF_MICROSECONDS + WORD == CHECK_POINT, "checkpoint layout");
 constexpr unsigned int SMALLEST_RECORD = 2 * WORD; // its length and a count
 
 const char* const COMMAND_OUTPUT = "/tmp/tolvperf.tmp";
@@ -151,8 +154,8 @@ std::string joinedLines(FILE* i_stream)
 // a thread may hold it while the process exits.
 union LastingLock
 {
-    LastingLock() : lock() {}
-    ~LastingLock() {}
+    LastingLock() noexcept : lock() {}
+    ~LastingLock() {} // NOLINT(modernize-use-equals-default): it would not do
     LastingLock(const LastingLock&) = delete;
     LastingLock& operator=(const LastingLock&) = delete;
 
@@ -184,6 +187,7 @@ Profiler::Profiler(const Profiler& i_other) : Profiler()
 // Deliberate: the id is not copied.
 // Effect: the copy of a profile has the id 0 until it is begun or ended.
 // Pinned by: ProfilerTest.CopyHasTheCheckPointsAndNotTheId
+// cppcheck-suppress operatorEqVarError
 Profiler& Profiler::operator=(const Profiler& i_other)
 {
     if (this != &i_other)
@@ -236,8 +240,8 @@ unsigned int Profiler::PlaceProfile(void* o_bytes) const
     for (const CheckPoint& l_point : iv_CheckPoints)
     {
         putBig32(l_bytes, l_point.id);
-        putBig32(l_bytes + WORD, l_point.time.getSeconds());
-        putBig32(l_bytes + 2 * WORD, l_point.time.getMicroSeconds());
+        putBig32(l_bytes + OFF_SECONDS, l_point.time.getSeconds());
+        putBig32(l_bytes + OFF_MICROSECONDS, l_point.time.getMicroSeconds());
         l_bytes += CHECK_POINT;
     }
     return profileLength();
@@ -252,8 +256,8 @@ unsigned int Profiler::ExtractProfile(const void* i_bytes)
     iv_CheckPoints.reserve(std::max<std::size_t>(l_count, RESERVED));
     for (std::uint32_t l_index = 0; l_index != l_count; ++l_index)
     {
-        const TimeValue l_time(getBig32(l_bytes + WORD),
-                               getBig32(l_bytes + 2 * WORD));
+        const TimeValue l_time(getBig32(l_bytes + OFF_SECONDS),
+                               getBig32(l_bytes + OFF_MICROSECONDS));
         iv_CheckPoints.push_back({getBig32(l_bytes), l_time});
         l_bytes += CHECK_POINT;
     }
@@ -357,7 +361,7 @@ pError_t Profiler::ReadFromChannel(Channel& io_channel)
         return invalidRecord(l_length);
     }
     ExtractProfile(l_profile);
-    return l_error;
+    return pError_t();
 }
 
 std::string Profiler::RunCommand(const char* i_command)
@@ -376,7 +380,7 @@ std::string Profiler::RunCommand(const char* i_command)
     {
         return std::string();
     }
-    const std::string l_result = joinedLines(l_file);
+    std::string l_result = joinedLines(l_file);
     fclose(l_file);
     return l_result;
 }

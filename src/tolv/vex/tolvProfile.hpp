@@ -33,6 +33,7 @@ TOLV_EXPORT extern const char* g_ProfileName;
 TOLV_EXPORT extern Mutex g_ProfileLock;
 
 /// One point of a message's journey.
+// NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): an aggregate
 struct CheckPoint
 {
     std::uint32_t id; // major * 65536 + minor
