@@ -24,7 +24,8 @@ using namespace tolv;
 namespace
 {
 
-bool g_outOfMemory = false;
+// There is no memory for a larger block, in bytes.
+constexpr std::size_t LARGEST_BLOCK = 1U << 30;
 
 const std::string BODY = "0123456789ABCDEF";
 
@@ -145,7 +146,7 @@ extern "C"
 
     void* __wrap_malloc(std::size_t i_size)
     {
-        return g_outOfMemory ? nullptr : __real_malloc(i_size);
+        return i_size > LARGEST_BLOCK ? nullptr : __real_malloc(i_size);
     }
 }
 
@@ -423,9 +424,7 @@ TEST(NetMessageReceiveTest, ProfileMayTakeTheWholeBody)
 
 TEST(NetMessageReceiveTest, MessageOfFourGigabytesWithoutMemoryIsInvalid)
 {
-    g_outOfMemory = true;
     const std::string l_text = refusal(headerOf(32, 0xFFFFFFFF, 0xFFFFFFDF));
-    g_outOfMemory = false;
     EXPECT_EQ(refusalText("EyeCatcher[00DECAFF] HeaderLen[32] MessageLen[-1]"),
               l_text);
 }

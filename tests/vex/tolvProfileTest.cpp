@@ -21,7 +21,8 @@ using namespace tolv;
 namespace
 {
 
-bool g_outOfMemory = false;
+// There is no memory for a larger block, in bytes.
+constexpr std::size_t LARGEST_BLOCK = 1U << 30;
 
 // Two checkpoints, 16843009.16909060 and 5.6, as they travel.
 const char* const TWO_CHECK_POINTS = "00 00 00 02 "
@@ -70,7 +71,7 @@ extern "C"
 
     void* __wrap_malloc(std::size_t i_size)
     {
-        return g_outOfMemory ? nullptr : __real_malloc(i_size);
+        return i_size > LARGEST_BLOCK ? nullptr : __real_malloc(i_size);
     }
 }
 
@@ -296,9 +297,7 @@ TEST(ProfilerTest, RecordThatComesOnlyInPartIsInvalid)
 TEST(ProfilerTest, RecordThatNoMemoryIsForIsInvalid)
 {
     ScriptedChannel l_channel(fromHex("FF FF FF FF 00 00 00 00"));
-    g_outOfMemory = true;
     const pError_t l_error = Profiler().ReadFromChannel(l_channel);
-    g_outOfMemory = false;
     expectInvalidRecord(l_error, "4294967295");
     EXPECT_TRUE(l_channel.reads.empty());
 }
