@@ -58,17 +58,25 @@ Dispatcher::Dispatcher(bool) :
 
 Dispatcher::~Dispatcher()
 {
-    bool l_watchDog = false;
+    bool l_shutDown = false;
+    bool l_deferred = false;
     {
+        // One look at both: a shutdown that is deferred from now on finds this
+        // one.
         const MutexLock l_lock(iv_Lock);
-        l_watchDog = iv_WatchDogTid != 0;
+        l_deferred = iv_WatchDogTid != 0;
+        l_shutDown = pImpl != nullptr && !l_deferred;
+        if (l_shutDown)
+        {
+            beginShutdown();
+        }
     }
-    if (pImpl != nullptr && !l_watchDog)
+    if (l_shutDown)
     {
-        Dispatcher::Shutdown(DESTRUCTOR_LIMIT);
+        runShutdown(DESTRUCTOR_LIMIT);
     }
     waitForOthers();
-    if (!l_watchDog)
+    if (!l_deferred)
     {
         delete pImpl;
     }
@@ -167,13 +175,33 @@ void Dispatcher::EnableCallback(Timer_t i_timer)
     pImpl->EnableCallback(i_timer);
 }
 
+void Dispatcher::Shutdown(std::uint32_t i_seconds)
+{
+    {
+        const MutexLock l_lock(iv_Lock);
+        beginShutdown();
+    }
+    runShutdown(i_seconds);
+}
+
+// One shutdown at a time. The lock is not held meanwhile: a callback that
+// defers a shutdown would wait for the end of the one that waits for it.
+void Dispatcher::beginShutdown()
+{
+    while (iv_ShuttingDown)
+    {
+        iv_Changed.Wait(iv_Lock);
+    }
+    iv_Shutdown = true;
+    iv_ShuttingDown = true;
+}
+
 // Deliberate: everything has a second to come to its end before it is stopped.
 // Effect: a full shutdown takes at least two seconds, with the one after the
 // teardown.
 // Pinned by: DispatcherTest.ShutdownSleepsBeforeAndAfter
-void Dispatcher::Shutdown(std::uint32_t i_seconds)
+void Dispatcher::runShutdown(std::uint32_t i_seconds)
 {
-    beginShutdown();
     sleepFully(1);
     if (pImpl != nullptr)
     {
@@ -183,24 +211,6 @@ void Dispatcher::Shutdown(std::uint32_t i_seconds)
         }
         pImpl->Finish();
     }
-    endShutdown();
-}
-
-// One shutdown at a time. The lock is not held meanwhile: a callback that
-// defers a shutdown would wait for the end of the one that waits for it.
-void Dispatcher::beginShutdown()
-{
-    const MutexLock l_lock(iv_Lock);
-    while (iv_ShuttingDown)
-    {
-        iv_Changed.Wait(iv_Lock);
-    }
-    iv_Shutdown = true;
-    iv_ShuttingDown = true;
-}
-
-void Dispatcher::endShutdown()
-{
     const MutexLock l_lock(iv_Lock);
     iv_ShuttingDown = false;
     iv_Changed.NotifyAll();

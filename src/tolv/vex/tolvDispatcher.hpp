@@ -149,8 +149,8 @@ class TOLV_EXPORT Dispatcher
 
     void checkEngine(unsigned int i_line, const char* i_function) const;
     void waitForOthers() TOLV_EXCLUDES(iv_Lock);
-    void beginShutdown() TOLV_EXCLUDES(iv_Lock);
-    void endShutdown() TOLV_EXCLUDES(iv_Lock);
+    void beginShutdown() TOLV_REQUIRES(iv_Lock);
+    void runShutdown(std::uint32_t i_seconds) TOLV_EXCLUDES(iv_Lock);
     bool isShuttingDown() TOLV_EXCLUDES(iv_Lock);
     void runWatchDog() TOLV_EXCLUDES(iv_Lock);
 
