@@ -19,6 +19,10 @@ end()
 trap end EXIT
 mkdir "$work/log" "$work/clientLog"
 export TOLV_ERRORLOG=$work/log TOLV_TRACE_DIR=$work
+# A detached process has no other place where a sanitizer could complain.
+export ASAN_OPTIONS=${ASAN_OPTIONS-}:log_path=$work/sanitizer
+export TSAN_OPTIONS=${TSAN_OPTIONS-}:log_path=$work/sanitizer
+export UBSAN_OPTIONS=${UBSAN_OPTIONS-}:log_path=$work/sanitizer
 
 fail()
 {
@@ -104,3 +108,4 @@ exec 9<&-
 [ ! -e "$work/echo.ready" ] || fail "the daemon was not orderly"
 [ ! -e "$work/echo.socket" ] || fail "the socket's file is left"
 grep -q 'stopped after messages' "$work/echo.trace" || fail "cut short"
+! grep . "$work"/sanitizer.* 2>/dev/null || fail "a sanitizer complains"

@@ -33,6 +33,7 @@ tells()
 
 start()
 {
+    rm -f "$work/output" # what an earlier daemon told
     "$@" "$programs/timerDaemon" "$work/file" >"$work/output" 2>&1 &
     daemon=$!
 }
