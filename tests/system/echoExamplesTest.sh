@@ -7,7 +7,7 @@ top=$(cd "$(dirname "$0")/../.." && pwd)
 # shellcheck source=scripts/daemons.sh
 . "$top/scripts/daemons.sh"
 programs=$1
-shift
+emulator=("${@:2}")
 
 work=$(mktemp -d)
 daemon=
@@ -32,20 +32,33 @@ fail()
 }
 
 port=$(freePort)
-"$@" "$programs/echoDaemon" "$work" "$port"
+"${emulator[@]}" "$programs/echoDaemon" "$work" "$port"
 await 20 test -e "$work/echo.ready" || fail "the daemon does not serve"
 read -r daemon transports <"$work/echo.ready"
 [[ " $transports " == *' tcp '* && " $transports " == *' unix '* ]] ||
     fail "serves only: $transports"
 
-# The daemon's own executable is a file with every byte in it.
-file=$programs/echoDaemon
-read -ra names <<<"$transports"
-for size in 8192 60001
+# Nothing but a program's own bytes, repeated to some megabytes.
+file=$work/file
+for _ in {1..30}
 do
-    TOLV_ERRORLOG=$work/clientLog "$@" "$programs/echoClient" -s "$size" \
-        "$work" "$port" "$file" "${names[@]}" || fail "the client failed"
-    for name in "${names[@]}"
+    cat "$programs/echoDaemon"
+done >"$file"
+read -ra names <<<"$transports"
+streams=()
+for name in "${names[@]}"
+do
+    [[ $name == udp* ]] || streams+=("$name")
+done
+
+# thereAndBack SIZE TRANSPORT ...: the file in messages of that size.
+thereAndBack()
+{
+    local size=$1 name
+    shift
+    TOLV_ERRORLOG=$work/clientLog "${emulator[@]}" "$programs/echoClient" \
+        -s "$size" "$work" "$port" "$file" "$@" || fail "the client failed"
+    for name in "$@"
     do
         cmp "$file" "$work/echo.$name" || fail "$name changed the file"
         [ "$(grep -oE '[0-9A-F]{8}, [0-9]+\.[0-9]{6}, ' \
@@ -53,7 +66,10 @@ do
             fail "not one profile of five checkpoints over $name"
         rm "$work/echo.$name" "$work/profile.$name.csv"
     done
-done
+}
+thereAndBack 8192 "${names[@]}"
+thereAndBack 60001 "${names[@]}"
+thereAndBack 10000000 "${streams[@]}" # more than a socket holds
 
 say()
 {
@@ -97,7 +113,7 @@ END
 await 20 logs 2 || fail "no entry for the datagram"
 say send "udp:127.0.0.1:$port" --reply --time-out 20 >/dev/null ||
     fail "no UDP any more"
-"$@" "$programs/showErrorLog" "$work"/log/entry.* |
+"${emulator[@]}" "$programs/showErrorLog" "$work"/log/entry.* |
     grep -q 'Invalid Message received' || fail "the log does not tell why"
 
 # A connection that stays open does not hold the daemon up.
