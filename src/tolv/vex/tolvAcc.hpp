@@ -19,12 +19,13 @@ class TOLV_EXPORT Acc : public EventHandler
     ///
     /// Threads: called on a dispatcher thread, or on the one that opens a UDP
     ///          acceptor; for one acceptor never twice at once.
-    typedef Service* (*Factory_t)(Dispatcher&);
+    using Factory_t = Service* (*)(Dispatcher&);
 
     Acc(Dispatcher& io_dispatcher, Factory_t i_factory);
     ~Acc() override;
 
   protected:
+    // NOLINTNEXTLINE(*-non-private-member-variables-in-classes)
     Factory_t iv_Factory;
 };
 

@@ -52,8 +52,8 @@ class AccSteps
     }
 
   private:
-    typedef typename FAMILY::Address_t Address_t;
-    typedef typename FAMILY::Channel_t Channel_t;
+    using Address_t = typename FAMILY::Address_t;
+    using Channel_t = typename FAMILY::Channel_t;
 
     static EventHandler::ACTION acceptOne(ACCEPTOR& io_acc, OS_HANDLE i_fd);
     static void serveDatagrams(ACCEPTOR& io_acc, OS_HANDLE i_fd);

@@ -53,6 +53,8 @@ int App::Daemonize()
     return PlatformProcessSetup(nullptr, true);
 }
 
+// These take no notice of the object, but are called on one.
+// NOLINTBEGIN(readability-convert-member-functions-to-static)
 void App::Abend()
 {
     std::abort();
@@ -69,5 +71,6 @@ Timer_t App::EnableSCTP(Dispatcher& io_dispatcher)
     OS_TIMEOUT l_period(LINK_CHECK_PERIOD);
     return io_dispatcher.AddTimer(*l_check, l_period);
 }
+// NOLINTEND(readability-convert-member-functions-to-static)
 
 } // namespace tolv

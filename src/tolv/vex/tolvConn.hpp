@@ -53,9 +53,11 @@ class TOLV_EXPORT Conn : public Base
 
   protected:
     // Declared order is the object layout.
+    // NOLINTBEGIN(*-non-private-member-variables-in-classes)
     SockType iv_SockType;
     TimeValue iv_TimeOut;
     bool iv_TimeOutEnabled;
+    // NOLINTEND(*-non-private-member-variables-in-classes)
 };
 
 } // namespace tolv

@@ -161,7 +161,7 @@ InternalAddresses_t findInternal(const sockaddr* i_list, int i_count)
     const char* l_next = reinterpret_cast<const char*>(i_list);
     for (int l_left = i_count; l_left > 0; --l_left)
     {
-        sockaddr_in l_address;
+        sockaddr_in l_address = {};
         std::memcpy(&l_address, l_next, sizeof(l_address));
         l_next += sizeof(l_address);
         if (isIn(SCTP_SUBNET_A, l_address.sin_addr.s_addr) ||
@@ -255,14 +255,14 @@ int SockChannel::FindSubnetInterfaceAddress(int i_which, in_addr_t& o_found)
          l_offset + STEP <= l_request.ifc_len && o_found == INADDR_ANY;
          l_offset += STEP)
     {
-        ifreq l_entry;
+        ifreq l_entry = {};
         std::memcpy(&l_entry, l_list + l_offset, sizeof(l_entry));
         l_status = ioctl(iv_Fd, SIOCGIFADDR, &l_entry);
         if (l_status < 0)
         {
             break;
         }
-        sockaddr_in l_address;
+        sockaddr_in l_address = {};
         std::memcpy(&l_address, &l_entry.ifr_addr, sizeof(l_address));
         if (l_address.sin_family == AF_INET &&
             isIn(l_subnet, l_address.sin_addr.s_addr))

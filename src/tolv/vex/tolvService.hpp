@@ -54,6 +54,7 @@ class TOLV_EXPORT Service : public EventHandler
     virtual void Close();
 
   protected:
+    // NOLINTNEXTLINE(*-non-private-member-variables-in-classes)
     Channel* iv_pChannel; // owned, or null
 };
 

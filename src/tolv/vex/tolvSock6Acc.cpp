@@ -11,8 +11,8 @@ using namespace tolv;
 
 struct Inet6
 {
-    typedef Sock6Addr_t Address_t;
-    typedef Sock6Channel Channel_t;
+    using Address_t = Sock6Addr_t;
+    using Channel_t = Sock6Channel;
 
     static const std::int32_t* lookup(SockType i_type)
     {
@@ -40,7 +40,7 @@ struct Inet6
     }
 };
 
-typedef AccSteps<Sock6Acc, Inet6> Steps;
+using Steps = AccSteps<Sock6Acc, Inet6>;
 
 } // namespace
 
@@ -97,6 +97,7 @@ pError_t Sock6Acc::socketOperation(OS_HANDLE i_handle)
     return Steps::socketOperation(*this, i_handle);
 }
 
+// NOLINTNEXTLINE(readability-convert-member-functions-to-static)
 pError_t Sock6Acc::Close()
 {
     return pError_t();

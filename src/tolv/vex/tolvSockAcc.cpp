@@ -11,8 +11,8 @@ using namespace tolv;
 
 struct Inet
 {
-    typedef SockAddr_t Address_t;
-    typedef SockChannel Channel_t;
+    using Address_t = SockAddr_t;
+    using Channel_t = SockChannel;
 
     static const std::int32_t* lookup(SockType i_type)
     {
@@ -35,7 +35,7 @@ struct Inet
     }
 };
 
-typedef AccSteps<SockAcc, Inet> Steps;
+using Steps = AccSteps<SockAcc, Inet>;
 
 } // namespace
 
@@ -74,6 +74,7 @@ pError_t SockAcc::socketOperation(OS_HANDLE i_handle)
     return Steps::socketOperation(*this, i_handle);
 }
 
+// NOLINTNEXTLINE(readability-convert-member-functions-to-static)
 pError_t SockAcc::Close()
 {
     return pError_t();

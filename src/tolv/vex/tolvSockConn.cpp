@@ -53,10 +53,14 @@ bool connectOnce(OS_HANDLE i_fd, const SockAddr_t& i_address)
     return l_result >= 0 || errno == EISCONN;
 }
 
-void open(Service& io_service, Channel& io_channel)
+// The channel of a connection that was made.
+void open(Service& io_service, Channel* i_channel)
 {
-    io_service.setChannel(io_channel);
-    io_service.Open();
+    if (i_channel != nullptr)
+    {
+        io_service.setChannel(*i_channel);
+        io_service.Open();
+    }
 }
 
 } // namespace
@@ -116,10 +120,7 @@ pError_t SockConn::Connect(const char* i_host, unsigned short i_port,
 {
     Channel* l_channel = nullptr;
     pError_t l_error = Connect(i_host, i_port, l_channel, i_mode);
-    if (!l_error)
-    {
-        open(io_service, *l_channel);
-    }
+    open(io_service, l_channel);
     return l_error;
 }
 
@@ -148,10 +149,7 @@ pError_t SockConn::Connect(const char* i_host1, const char* i_host2,
 {
     Channel* l_channel = nullptr;
     pError_t l_error = Connect(i_host1, i_host2, i_port, l_channel);
-    if (!l_error)
-    {
-        open(io_service, *l_channel);
-    }
+    open(io_service, l_channel);
     return l_error;
 }
 
