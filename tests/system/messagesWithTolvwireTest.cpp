@@ -39,10 +39,7 @@ class Tool
 {
   public:
     explicit Tool(const std::string& i_arguments) :
-        iv_Output(
-            popen(("exec python3 '" + toolPath() + "' " + i_arguments + " 2>&1")
-                      .c_str(),
-                  "re"))
+        iv_Output(started(i_arguments))
     {
         EXPECT_NE(nullptr, iv_Output);
     }
@@ -92,6 +89,13 @@ class Tool
     }
 
   private:
+    static FILE* started(const std::string& i_arguments)
+    {
+        const std::string l_command =
+            "exec python3 '" + toolPath() + "' " + i_arguments + " 2>&1";
+        return popen(l_command.c_str(), "re"); // NOLINT(cert-env33-c)
+    }
+
     FILE* iv_Output;
 };
 
@@ -180,7 +184,7 @@ class MessagesWithTolvwireTest : public TolvwireTest,
             SockAddr_t l_peer = {};
             EXPECT_EQ(1, initSockAddrStruct("127.0.0.1", htons(l_port), l_peer,
                                             SOCK_TYPE_UDP));
-            static_cast<SockChannel&>(*l_channel).setRemoteAddress(l_peer);
+            dynamic_cast<SockChannel&>(*l_channel).setRemoteAddress(l_peer);
         }
         return l_channel;
     }
