@@ -1103,7 +1103,8 @@ TEST_F(DispatcherImplTest, ProcessEventsWaitsOnce)
         [&]
         {
             // What ends the wait is no teardown.
-            const MutexLock l_lock(l_engine.*get(FinishLock()));
+            Mutex& l_mutex = l_engine.*get(FinishLock());
+            const MutexLock l_lock(l_mutex);
             (l_engine.*get(FinishedCond())).NotifyAll();
             return l_back.load();
         }));

@@ -273,7 +273,8 @@ class DispatcherTimerTest : public testing::Test
     std::int32_t threadsIn(const EventHandler& i_handler)
     {
         MTDispatcher& l_engine = *(dispatcher().*get(Engine()));
-        const MutexLock l_lock(l_engine.*get(RegLock()));
+        Mutex& l_mutex = l_engine.*get(RegLock());
+        const MutexLock l_lock(l_mutex);
         return i_handler.*get(HandlerThreads());
     }
 
@@ -1060,7 +1061,8 @@ TEST_F(DispatcherRefreshThreadsTest, HandlerRemovedMeanwhileLivesUntilItReturns)
         [&]
         {
             MTDispatcher& l_engine = *(dispatcher().*get(Engine()));
-            const MutexLock l_lock(l_engine.*get(RegLock()));
+            Mutex& l_mutex = l_engine.*get(RegLock());
+            const MutexLock l_lock(l_mutex);
             return (l_engine.*get(Handles())).find(iv_Pipes[0].handle()) ==
                    nullptr;
         }));
