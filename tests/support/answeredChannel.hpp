@@ -83,7 +83,7 @@ class AnsweredChannelTest : public ::testing::Test
     tolv::pError_t write(std::string i_bytes)
     {
         iv_Count = static_cast<unsigned int>(i_bytes.size());
-        return iv_Channel->Write(&i_bytes[0], iv_Count);
+        return iv_Channel->Write(i_bytes.data(), iv_Count);
     }
 
     std::string buffer(std::size_t i_count) const

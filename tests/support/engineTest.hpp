@@ -111,7 +111,7 @@ struct Call
     }
 };
 
-typedef std::vector<Call> Calls;
+using Calls = std::vector<Call>;
 
 /// All calls of a test's handlers, and how many waits had begun before each.
 ///
@@ -253,7 +253,7 @@ class Gate
 class EngineTest : public testing::Test
 {
   protected:
-    typedef tolv::EventHandler Handler;
+    using Handler = tolv::EventHandler;
 
     EngineTest() = default;
 
@@ -266,9 +266,6 @@ class EngineTest : public testing::Test
             finish();
         }
     }
-
-    EngineTest(const EngineTest&) = delete;
-    EngineTest& operator=(const EngineTest&) = delete;
 
     void start(std::uint32_t i_minThreads = 1, std::uint32_t i_maxThreads = 1,
                bool i_retireIdle = false)

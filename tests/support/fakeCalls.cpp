@@ -26,8 +26,8 @@ namespace
 
 struct Answer
 {
-    long result;
-    int error;
+    long result = 0;
+    int error = 0;
     std::string bytes;
 };
 
@@ -321,8 +321,9 @@ extern "C"
         }
         return replace("select",
                        {i_count, holds(io_read, i_count - 1),
-                        holds(io_write, i_count - 1), io_except != nullptr,
-                        io_timeOut->tv_sec, io_timeOut->tv_usec},
+                        holds(io_write, i_count - 1),
+                        io_except != nullptr ? 1 : 0, io_timeOut->tv_sec,
+                        io_timeOut->tv_usec},
                        "", l_real,
                        [=](const Answer&)
                        {

@@ -78,8 +78,10 @@ Call receiving(const char* i_function, int i_handle, void* o_buffer,
 Call sending(const char* i_function, int i_handle, const void* i_buffer,
              std::size_t i_length, int i_flags)
 {
-    Call l_call = receiving(i_function, i_handle, const_cast<void*>(i_buffer),
-                            i_length, i_flags);
+    Call l_call = callOf(i_function, i_handle);
+    l_call.buffer = i_buffer;
+    l_call.length = i_length;
+    l_call.flags = i_flags;
     l_call.bytes = copyOf(i_buffer, i_length);
     return l_call;
 }

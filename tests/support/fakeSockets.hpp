@@ -25,7 +25,7 @@ struct Call
 {
     std::string function;
     int handle;
-    void* buffer;        ///< where bytes go to or come from
+    const void* buffer;  ///< where bytes go to or come from
     std::size_t length;  ///< bytes wanted or sent
     int flags;           ///< of a message; select(): the number of descriptors
     std::string bytes;   ///< sent, or the value of an option that is set

@@ -56,7 +56,7 @@ class PeerSocket
     std::string take(std::size_t i_room = 4096) const
     {
         std::string l_bytes(i_room, '\0');
-        const ssize_t l_urc = ::read(iv_Handle, &l_bytes[0], i_room);
+        const ssize_t l_urc = ::read(iv_Handle, l_bytes.data(), i_room);
         EXPECT_LE(0, l_urc) << std::strerror(errno);
         l_bytes.resize(l_urc < 0 ? 0 : static_cast<std::size_t>(l_urc));
         return l_bytes;

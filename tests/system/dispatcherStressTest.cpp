@@ -32,9 +32,9 @@ constexpr unsigned int MOST_BYTES = 40; // of a connection
 // due, no descriptor would ever be served.
 constexpr std::uint32_t TIMER_PERIOD = 50000;
 
-std::atomic<std::uint64_t> g_sent(0);
-std::atomic<std::uint64_t> g_served(0);
-std::atomic<std::uint64_t> g_connections(0);
+std::atomic<std::uint32_t> g_sent(0);
+std::atomic<std::uint32_t> g_served(0);
+std::atomic<std::uint32_t> g_connections(0);
 std::atomic<int> g_faults(0); // bytes out of order, callbacks without a byte
 
 std::atomic<bool> g_stop(false);

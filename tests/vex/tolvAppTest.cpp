@@ -108,7 +108,7 @@ extern "C"
     pid_t __real_setsid();
     pid_t __wrap_setsid()
     {
-        g_calls.push_back("setsid");
+        g_calls.emplace_back("setsid");
         return __real_setsid();
     }
 

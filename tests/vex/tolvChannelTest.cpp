@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
+
 using namespace tolv;
 
 namespace
@@ -88,9 +90,8 @@ TEST_F(ChannelTest, ClearingTheTimeOutKeepsItsValue)
 TEST_F(ChannelTest, DestructionClosesTheHandleOnce)
 {
     fakeSockets::answer("close", {0});
-    {
-        const PlainChannel l_channel(HANDLE, SOCK_TYPE_TCP);
-    }
+    std::optional<PlainChannel> l_channel(std::in_place, HANDLE, SOCK_TYPE_TCP);
+    l_channel.reset();
     const auto l_calls = fakeSockets::callsOf("close");
     ASSERT_EQ(1U, l_calls.size());
     EXPECT_EQ(HANDLE, l_calls[0].handle);
@@ -99,16 +100,15 @@ TEST_F(ChannelTest, DestructionClosesTheHandleOnce)
 TEST_F(ChannelTest, HandleZeroIsAHandle)
 {
     fakeSockets::answer("close", {0});
-    {
-        const PlainChannel l_channel(0, SOCK_TYPE_TCP);
-    }
+    std::optional<PlainChannel> l_channel(std::in_place, 0, SOCK_TYPE_TCP);
+    l_channel.reset();
     EXPECT_EQ(1U, fakeSockets::callsOf("close").size());
 }
 
 TEST_F(ChannelTest, DestructionWithoutAHandleCallsNothing)
 {
-    {
-        const PlainChannel l_channel(OS_INVALID, SOCK_TYPE_TCP);
-    }
+    std::optional<PlainChannel> l_channel(std::in_place, OS_INVALID,
+                                          SOCK_TYPE_TCP);
+    l_channel.reset();
     EXPECT_TRUE(fakeSockets::calls().empty());
 }

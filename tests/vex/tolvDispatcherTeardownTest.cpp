@@ -15,7 +15,7 @@
 
 using namespace tolv;
 
-typedef int PairOfHandles[2];
+using PairOfHandles = int[2];
 TOLV_PRIVATE_MEMBER(EnginePair, MTDispatcher, PairOfHandles, iv_Outgoing);
 
 namespace

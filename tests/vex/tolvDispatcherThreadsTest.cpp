@@ -862,12 +862,11 @@ namespace
 {
 
 std::atomic<int> g_signalled(0);
-std::atomic<std::uintptr_t> g_signalledThreads[8];
+std::atomic<pthread_t> g_signalledThreads[8];
 
 void noteSignal(int)
 {
-    g_signalledThreads[g_signalled++ % 8] =
-        reinterpret_cast<std::uintptr_t>(pthread_self());
+    g_signalledThreads[g_signalled++ % 8] = pthread_self();
 }
 
 } // namespace
@@ -892,7 +891,7 @@ TEST_F(DispatcherThreadsTest, RaiseSignalReachesTheWaiterAndThoseInCallbacks)
     ASSERT_TRUE(l_gate.waitForArrived(1));
     EXPECT_EQ(0, l_dispatcher.RaiseSignal(SIGUSR1));
     ASSERT_TRUE(waitFor([] { return g_signalled == 4; }));
-    std::set<std::uintptr_t> l_threads;
+    std::set<pthread_t> l_threads;
     for (int l_index = 0; l_index != 4; ++l_index)
     {
         l_threads.insert(g_signalledThreads[l_index]);

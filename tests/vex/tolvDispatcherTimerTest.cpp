@@ -48,7 +48,7 @@ constexpr std::uint32_t START = 5000;
 // added.
 std::deque<std::uint32_t> g_identifiers;
 
-typedef std::vector<std::string> Lines;
+using Lines = std::vector<std::string>;
 
 // What happened, in order.
 class Log

@@ -120,7 +120,7 @@ TEST_F(EventHandlerTest, TypesAreThoseOfTheInterface)
     EXPECT_TRUE((std::is_same<std::uint32_t, Timer_t>::value));
     EXPECT_TRUE((std::is_same<std::uint32_t, EVENT_MASK>::value));
     EXPECT_TRUE((std::is_same<TimeValue, OS_TIMEOUT>::value));
-    EXPECT_EQ(-1, OS_INVALID);
+    static_assert(OS_INVALID == -1, "no descriptor");
     EXPECT_TRUE((std::is_base_of<Base, EventHandler>::value));
     EXPECT_TRUE(std::is_abstract<EventHandler>::value);
     EXPECT_TRUE(std::has_virtual_destructor<EventHandler>::value);

@@ -85,9 +85,9 @@ class HandleTableTest : public testing::Test
         return l_set;
     }
 
-    std::int32_t count(Handler& io_handler) const
+    std::int32_t count(const Handler& i_handler) const
     {
-        return io_handler.*get(HandlerCount());
+        return i_handler.*get(HandlerCount());
     }
 
     EventRecord& record(OS_HANDLE i_handle) const
@@ -102,7 +102,7 @@ class HandleTableTest : public testing::Test
     std::uint64_t iv_Wait = 0;
 };
 
-typedef std::vector<OS_HANDLE> Handles;
+using Handles = std::vector<OS_HANDLE>;
 
 } // namespace
 

@@ -39,7 +39,7 @@ std::string taken(Channel& io_channel, unsigned int i_count)
 {
     std::string l_bytes(i_count, '\0');
     unsigned int l_count = i_count;
-    EXPECT_FALSE(io_channel.Read(&l_bytes[0], l_count));
+    EXPECT_FALSE(io_channel.Read(l_bytes.data(), l_count));
     l_bytes.resize(l_count);
     return l_bytes;
 }
@@ -48,7 +48,7 @@ std::string peeked(Channel& io_channel, unsigned int i_count)
 {
     std::string l_bytes(i_count, '\0');
     unsigned int l_count = i_count;
-    EXPECT_FALSE(io_channel.Peek(&l_bytes[0], l_count));
+    EXPECT_FALSE(io_channel.Peek(l_bytes.data(), l_count));
     l_bytes.resize(l_count);
     return l_bytes;
 }
@@ -56,7 +56,7 @@ std::string peeked(Channel& io_channel, unsigned int i_count)
 pError_t put(Channel& io_channel, std::string i_bytes)
 {
     unsigned int l_count = static_cast<unsigned int>(i_bytes.size());
-    return io_channel.Write(&i_bytes[0], l_count);
+    return io_channel.Write(i_bytes.data(), l_count);
 }
 
 bool hasIpv6()

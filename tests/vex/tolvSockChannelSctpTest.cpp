@@ -105,8 +105,7 @@ TEST_F(SockChannelSctpTest, OtherNotificationsCountAsData)
 
 TEST_F(SockChannelSctpTest, NotificationWithFurtherFlagsCountsAsData)
 {
-    answer("recvmsg",
-           notified(notification(0x8001, 1), MSG_NOTIFICATION | MSG_EOR));
+    answer("recvmsg", notified(notification(0x8001, 1), 0x8080));
     EXPECT_FALSE(read(sizeof(sctp_assoc_change)));
     EXPECT_EQ(sizeof(sctp_assoc_change), iv_Count);
 }

@@ -69,8 +69,8 @@ class Connection
         iv_Bytes.assign(i_count, '\0');
         unsigned int l_count = i_count;
         pError_t l_error = i_how == READ
-                               ? iv_Channel.Read(&iv_Bytes[0], l_count)
-                               : iv_Channel.Peek(&iv_Bytes[0], l_count);
+                               ? iv_Channel.Read(iv_Bytes.data(), l_count)
+                               : iv_Channel.Peek(iv_Bytes.data(), l_count);
         iv_Bytes.resize(l_count);
         return l_error;
     }
@@ -168,8 +168,8 @@ std::string taken(SockChannel& io_channel, Taking i_how, unsigned int i_count)
     std::string l_bytes(i_count, '\0');
     unsigned int l_count = i_count;
     const pError_t l_error = i_how == READ
-                                 ? io_channel.Read(&l_bytes[0], l_count)
-                                 : io_channel.Peek(&l_bytes[0], l_count);
+                                 ? io_channel.Read(l_bytes.data(), l_count)
+                                 : io_channel.Peek(l_bytes.data(), l_count);
     EXPECT_FALSE(l_error);
     l_bytes.resize(l_count);
     return l_bytes;
@@ -179,7 +179,7 @@ pError_t put(SockChannel& io_channel, std::string i_bytes,
              unsigned int& o_count)
 {
     o_count = static_cast<unsigned int>(i_bytes.size());
-    return io_channel.Write(&i_bytes[0], o_count);
+    return io_channel.Write(i_bytes.data(), o_count);
 }
 
 in_port_t portOf(const PeerSocket& i_socket)

@@ -26,7 +26,7 @@ std::size_t g_allocations = 0;
 
 const TimeValue NOW(1000, 0);
 
-typedef std::vector<Timer_t> Ids;
+using Ids = std::vector<Timer_t>;
 
 class TimerQueueTest : public testing::Test
 {
