@@ -3,6 +3,7 @@
 #include "support/expectAbort.hpp"
 #include "support/fakeCalls.hpp"
 #include "support/fakeDispatcher.hpp"
+#include "support/privateMember.hpp"
 #include "support/recordingService.hpp"
 #include "support/tempDir.hpp"
 #include "tolv/vex/tolvSock6Channel.hpp"
@@ -25,6 +26,8 @@
 using namespace tolv;
 using fakeCalls::bytesOf;
 using fakeCalls::Call;
+
+TOLV_PRIVATE_MEMBER(AcceptorPort, Sock6Acc, unsigned short, iv_Port);
 
 namespace
 {
@@ -61,6 +64,7 @@ class Sock6AccTest : public ::testing::Test
         fakeCalls::answerAlways("bind", 0);
         fakeCalls::answerAlways("listen", 0);
         fakeCalls::answerAlways("close", 0);
+        fakeCalls::answerAlways("unlink", 0);
     }
 
     void TearDown() override
@@ -187,6 +191,28 @@ TEST_F(Sock6AccTest, FailedOptionsAreIgnored)
     EXPECT_EQ(1U, iv_Dispatcher.registrations.size());
 }
 
+TEST_F(Sock6AccTest, EverySocketGetsAllOptions)
+{
+    for (const SockType l_type : {SOCK_TYPE_UDP, SOCK_TYPE_UNIX})
+    {
+        SetUp();
+        EXPECT_FALSE(acceptor(l_type).socketOperation(LISTENER));
+        EXPECT_EQ((std::vector<Call>{option(SOL_SOCKET, SO_REUSEADDR),
+                                     option(IPPROTO_IP, 8),
+                                     option(IPPROTO_IPV6, 49)}),
+                  fakeCalls::callsOf("setsockopt"))
+            << l_type;
+    }
+}
+
+TEST_F(Sock6AccTest, PortIsKeptInNetworkByteOrderAndNoneForUnix)
+{
+    Sock6Acc l_tcp = acceptor(SOCK_TYPE_TCP);
+    EXPECT_EQ(htons(80), l_tcp.*get(AcceptorPort()));
+    Sock6Acc l_unix = acceptor(SOCK_TYPE_UNIX);
+    EXPECT_EQ(0, l_unix.*get(AcceptorPort()));
+}
+
 TEST_F(Sock6AccTest, UdpMakesItsOneServiceAtOnce)
 {
     Sock6Acc l_acceptor(iv_Dispatcher, RecordingService::make, 80,
@@ -198,8 +224,9 @@ TEST_F(Sock6AccTest, UdpMakesItsOneServiceAtOnce)
     ASSERT_NE(nullptr, RecordingService::s_last);
     EXPECT_EQ((std::vector<std::string>{"setChannel :: 0", "Open :: 0"}),
               RecordingService::s_last->steps);
-    EXPECT_NE(nullptr,
-              dynamic_cast<Sock6Channel*>(RecordingService::s_last->channel()));
+    Channel* l_channel = RecordingService::s_last->channel();
+    EXPECT_NE(nullptr, dynamic_cast<Sock6Channel*>(l_channel));
+    EXPECT_EQ(SOCK_TYPE_UDP, l_channel->getType());
     ASSERT_EQ(1U, iv_Dispatcher.registrations.size());
     EXPECT_EQ(RecordingService::s_last, iv_Dispatcher.registrations[0].handler);
 }
@@ -239,6 +266,7 @@ TEST_F(Sock6AccTest, ConnectionGetsAServiceWithItsChannel)
               RecordingService::s_last->steps);
     Channel* l_channel = RecordingService::s_last->channel();
     EXPECT_NE(nullptr, dynamic_cast<Sock6Channel*>(l_channel));
+    EXPECT_EQ(SOCK_TYPE_TCP, l_channel->getType());
     EXPECT_EQ(ACCEPTED, l_channel->getHandle());
     ASSERT_EQ(1U, iv_Dispatcher.registrations.size());
     EXPECT_EQ(ACCEPTED, iv_Dispatcher.registrations[0].handle);
@@ -411,6 +439,7 @@ TEST_F(Sock6AccLoopbackTest, UnixConnectionIsServed)
     const int l_client = socket(AF_UNIX, SOCK_STREAM, 0);
     ASSERT_EQ(0, connect(l_client, &l_address.addr.sa, l_address.length));
     serve(l_acceptor, l_client);
+    EXPECT_EQ(SOCK_TYPE_UNIX, RecordingService::s_last->channel()->getType());
 }
 
 TEST(Sock6AccDeathTest, OpenWithSctpEndsTheProcess)

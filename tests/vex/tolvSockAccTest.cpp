@@ -3,6 +3,7 @@
 #include "support/expectAbort.hpp"
 #include "support/fakeCalls.hpp"
 #include "support/fakeDispatcher.hpp"
+#include "support/privateMember.hpp"
 #include "support/recordingService.hpp"
 #include "support/tempDir.hpp"
 #include "tolv/vex/tolvSockChannel.hpp"
@@ -28,6 +29,8 @@
 using namespace tolv;
 using fakeCalls::bytesOf;
 using fakeCalls::Call;
+
+TOLV_PRIVATE_MEMBER(AcceptorPort, SockAcc, unsigned short, iv_Port);
 
 namespace
 {
@@ -63,6 +66,7 @@ class SockAccTest : public ::testing::Test
         fakeCalls::answerAlways("bind", 0);
         fakeCalls::answerAlways("listen", 0);
         fakeCalls::answerAlways("close", 0);
+        fakeCalls::answerAlways("unlink", 0);
     }
 
     void TearDown() override
@@ -244,6 +248,33 @@ TEST_F(SockAccTest, FailedSocketOptionIsIgnored)
     EXPECT_EQ(1U, iv_Dispatcher.registrations.size());
 }
 
+TEST_F(SockAccTest, EverySocketMayReuseItsAddress)
+{
+    for (const SockType l_type :
+         {SOCK_TYPE_UDP, SOCK_TYPE_UNIX, SOCK_TYPE_SCTP})
+    {
+        SetUp();
+        EXPECT_FALSE(acceptor(l_type).socketOperation(LISTENER));
+        const int l_on = 1;
+        EXPECT_EQ((std::vector<Call>{{"setsockopt",
+                                      {LISTENER, SOL_SOCKET, SO_REUSEADDR, 4},
+                                      bytesOf(l_on)}}),
+                  fakeCalls::callsOf("setsockopt"))
+            << l_type;
+    }
+}
+
+TEST_F(SockAccTest, PortIsKeptInNetworkByteOrderAndNoneForUnix)
+{
+    SockAcc l_tcp = acceptor(SOCK_TYPE_TCP);
+    EXPECT_EQ(htons(80), l_tcp.*get(AcceptorPort()));
+    SockAcc l_unix = acceptor(SOCK_TYPE_UNIX);
+    EXPECT_EQ(0, l_unix.*get(AcceptorPort()));
+    SockAcc l_nowhere(iv_Dispatcher, RecordingService::make, 80,
+                      SOCK_TYPE_UNIX);
+    EXPECT_EQ(0, l_nowhere.*get(AcceptorPort()));
+}
+
 TEST_F(SockAccTest, SocketOperationTakesAnyDescriptor)
 {
     SockAcc l_acceptor = acceptor(SOCK_TYPE_TCP);
@@ -370,7 +401,8 @@ TEST_F(SockAccTest, SctpConnectionIsTunedBeforeItIsServed)
     // The peer's address, for as long as accept() said it is.
     EXPECT_EQ(bytesOf(address("10.1.2.3", 4567)),
               l_set[3].bytes.substr(4, sizeof(sockaddr_in)));
-    EXPECT_EQ(1, RecordingService::s_made);
+    ASSERT_EQ(1, RecordingService::s_made);
+    EXPECT_EQ(SOCK_TYPE_SCTP, RecordingService::s_last->channel()->getType());
 }
 
 TEST_F(SockAccTest, FailedSctpTuningEndsListeningAndLeaksTheConnection)
@@ -519,6 +551,7 @@ TEST_F(SockAccLoopbackTest, UnixConnectionIsServed)
     SockAcc l_acceptor(iv_Dispatcher, RecordingService::make, l_path.c_str(), 0,
                        SOCK_TYPE_UNIX);
     serveOne(l_acceptor);
+    EXPECT_EQ(SOCK_TYPE_UNIX, RecordingService::s_last->channel()->getType());
     EXPECT_STREQ("", RecordingService::s_last->channel()->getRemoteAddress());
 }
 
