@@ -19,9 +19,10 @@ class AccSteps;
 /// service with a SockChannel for each connection. Over UDP there is one
 /// service for the port, made by Open().
 ///
-/// A connection that cannot be accepted ENDS the listening; only one that
-/// vanished before it was accepted does not. A connection is closed at once
-/// when its descriptor is above 1023 or the factory gives null.
+/// A connection that cannot be accepted ENDS the listening, unless it vanished
+/// before it was accepted; so does an SCTP connection that cannot be tuned,
+/// which stays open. A connection is closed at once when its descriptor is
+/// above 1023 or the factory gives null.
 ///
 /// Ownership: services belong to themselves and the dispatcher, see Service.
 ///            The listening descriptor is never closed. The acceptor is its
