@@ -626,6 +626,14 @@ TEST_F(SockAccLoopbackTest, DescriptorShortageEndsListening)
     close(l_listener);
 }
 
+TEST(SockAccDeathTest, OpenOfAnUnknownTypeAborts)
+{
+    FakeDispatcher l_dispatcher;
+    SockAcc l_acceptor(l_dispatcher, RecordingService::make, 80,
+                       static_cast<SockType>(4));
+    EXPECT_ABORT(EXPECT_FALSE(l_acceptor.Open()));
+}
+
 TEST(SockAccDeathTest, AnyOtherEventAborts)
 {
     FakeDispatcher l_dispatcher;

@@ -1,5 +1,6 @@
 #include "tolv/vex/tolvSockConn.hpp"
 
+#include "support/expectAbort.hpp"
 #include "support/fakeCalls.hpp"
 #include "support/fakeDispatcher.hpp"
 #include "support/recordingService.hpp"
@@ -723,4 +724,11 @@ TEST_F(SockConnLoopbackTest, UnixServerMayStartLater)
     EXPECT_STREQ(l_path.c_str(), l_connected->getRemoteAddress());
     delete l_connected;
     close(l_listener);
+}
+
+TEST(SockConnDeathTest, ConnectionOfAnUnknownTypeAborts)
+{
+    SockConn l_connector(static_cast<SockType>(4));
+    Channel* l_channel = nullptr;
+    EXPECT_ABORT(EXPECT_FALSE(l_connector.Connect("127.0.0.1", 0, l_channel)));
 }

@@ -66,17 +66,10 @@ class AccSteps
 // Deliberate: the descriptor stays open when a step fails.
 // Effect: each failed Open() leaks one descriptor.
 // Pinned by: SockAccTest.FailedOpenLeavesTheDescriptorOpen
-//
-// Deliberate: the row of the table is not tested.
-// Effect: a type without a row, SOCK_TYPE_SCTP over IPv6 among them, ends the
-// process.
-// Pinned by: Sock6AccDeathTest.OpenWithSctpEndsTheProcess
 template <class ACCEPTOR, class FAMILY>
 pError_t AccSteps<ACCEPTOR, FAMILY>::open(ACCEPTOR& io_acc)
 {
-    const std::int32_t* l_row = FAMILY::lookup(io_acc.iv_SockType);
-    const OS_HANDLE l_fd = socket(l_row[0], l_row[1], l_row[2]);
-    setCloseOnExec(l_fd);
+    const OS_HANDLE l_fd = openSocket(FAMILY::lookup(io_acc.iv_SockType));
     pError_t l_error = io_acc.socketOperation(l_fd);
     if (l_error)
     {

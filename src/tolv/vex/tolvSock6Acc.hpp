@@ -59,7 +59,7 @@ class TOLV_EXPORT Sock6Acc : public Acc
     /// Removes the file of a UNIX-domain socket.
     ~Sock6Acc() override;
 
-    /// As SockAcc::Open(). SOCK_TYPE_SCTP ends the process.
+    /// As SockAcc::Open(). SOCK_TYPE_SCTP ends the process with abort().
     pError_t Open();
 
     /// As SockAcc::socketOperation().

@@ -83,9 +83,7 @@ void SockConn::Dump(FILE* /*o_stream*/) {}
 pError_t SockConn::Connect(const char* i_host, unsigned short i_port,
                            Channel*& o_channel, ConnectMode /*i_mode*/)
 {
-    const std::int32_t* l_row = LookupSockProperties(iv_SockType);
-    OS_HANDLE l_fd = socket(l_row[0], l_row[1], l_row[2]);
-    setCloseOnExec(l_fd);
+    OS_HANDLE l_fd = openSocket(LookupSockProperties(iv_SockType));
     SockAddr_t l_address = {};
     pError_t l_error;
     if (initSockAddrStruct(i_host, i_port, l_address, iv_SockType) < 1)
