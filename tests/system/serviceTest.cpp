@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -121,6 +122,14 @@ void expectClosed(Channel& io_channel)
 bool isOpen(OS_HANDLE i_handle)
 {
     return fcntl(i_handle, F_GETFD) != -1;
+}
+
+// The number that the next descriptor gets: the lowest that is free.
+OS_HANDLE nextHandle()
+{
+    const OS_HANDLE l_next = dup(STDERR_FILENO);
+    close(l_next);
+    return l_next;
 }
 
 /// Answers every message, and ends with its peer or when it is told to.
@@ -285,9 +294,7 @@ class ServiceSystemTest : public testing::TestWithParam<Way>
     template <class ACCEPTOR>
     void open()
     {
-        // The next descriptor gets the lowest number that is free.
-        const OS_HANDLE l_next = dup(STDERR_FILENO);
-        close(l_next);
+        const OS_HANDLE l_next = nextHandle();
         std::unique_ptr<ACCEPTOR> l_acceptor = std::make_unique<ACCEPTOR>(
             *iv_Dispatcher, Echo::make,
             iv_Way.type == SOCK_TYPE_UNIX ? iv_Path.c_str() : iv_Way.host, 0,
@@ -398,6 +405,25 @@ TEST_P(ServiceStreamTest, ServiceThatEndsClosesItsConnectionOnly)
     EXPECT_TRUE(Echo::waitForEnded(1));
     expectEcho(*l_stays);
     expectEcho(*connect());
+}
+
+TEST_P(ServiceStreamTest, FailedAcceptEndsTheListeningAndNoService)
+{
+    const std::unique_ptr<Channel> l_served = connect();
+    expectEcho(*l_served);
+    rlimit l_old = {};
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &l_old));
+    rlimit l_few = l_old;
+    l_few.rlim_cur = static_cast<rlim_t>(nextHandle()) + 1; // for the peer
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &l_few));
+    const std::unique_ptr<Channel> l_waits = connect();
+    // The listener was registered first, so its turn is before this one.
+    expectEcho(*l_served);
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &l_old));
+    EXPECT_EQ(1, Echo::s_made);
+    // This aborts while the listener is registered.
+    iv_Dispatcher->Register(iv_Listener, *iv_Acceptor, 2);
+    expectEcho(*l_waits);
 }
 
 TEST_P(ServiceStreamTest, ShutdownClosesConnectionsAndLeavesTheListener)
