@@ -322,7 +322,7 @@ extern "C"
         return replace("select",
                        {i_count, holds(io_read, i_count - 1),
                         holds(io_write, i_count - 1),
-                        io_except != nullptr ? 1 : 0, io_timeOut->tv_sec,
+                        io_except == nullptr ? 0 : 1, io_timeOut->tv_sec,
                         io_timeOut->tv_usec},
                        "", l_real,
                        [=](const Answer&)
@@ -367,7 +367,8 @@ extern "C"
         if (i_request == SIOCGIFADDR)
         {
             ifreq* const l_entry = static_cast<ifreq*>(l_argument);
-            return replace("SIOCGIFADDR", {i_fd}, l_entry->ifr_name, l_real,
+            return replace("SIOCGIFADDR", {i_fd},
+                           bytesAt(l_entry, sizeof(*l_entry)), l_real,
                            [=](const Answer& i_answer) {
                                deliver(i_answer, &l_entry->ifr_addr,
                                        sizeof(l_entry->ifr_addr));

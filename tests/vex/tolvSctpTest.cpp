@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <netinet/sctp.h>
@@ -104,6 +105,12 @@ class SctpTest : public ::testing::Test
 };
 
 } // namespace
+
+TEST_F(SctpTest, SubnetsAreThoseThatTheBuildNames)
+{
+    EXPECT_EQ(inet_addr(TOLV_SUBNET_A_TEXT), htonl(SCTP_SUBNET_A));
+    EXPECT_EQ(inet_addr(TOLV_SUBNET_B_TEXT), htonl(SCTP_SUBNET_B));
+}
 
 TEST_F(SctpTest, OptionsAreReadAndSetInOrderWithTheirLengths)
 {
@@ -230,10 +237,11 @@ namespace
 
 constexpr sctp_assoc_t ASSOCIATION = 77;
 
-std::string interface(const char* i_name)
+std::string interface(const char* i_name, const sockaddr_in& i_address = {})
 {
     ifreq l_entry = {};
     std::strncpy(l_entry.ifr_name, i_name, sizeof(l_entry.ifr_name) - 1);
+    std::memcpy(&l_entry.ifr_addr, &i_address, sizeof(i_address));
     return bytesOf(l_entry);
 }
 
@@ -292,7 +300,9 @@ class SctpRefreshTest : public SctpTest
 
 TEST_F(SctpRefreshTest, AddressOfTheOtherSubnetIsAdded)
 {
-    local({address(ELSEWHERE, 1), address(SCTP_SUBNET_A, 1)});
+    sockaddr_in l_elsewhere = address(ELSEWHERE, 1);
+    l_elsewhere.sin_port = htons(1); // the port is that of the match
+    local({l_elsewhere, address(SCTP_SUBNET_A, 1), l_elsewhere});
     interfaces({address(ELSEWHERE, 1), address(SCTP_SUBNET_A, 1),
                 address(SCTP_SUBNET_B, 3), address(SCTP_SUBNET_B, 4)});
     fakeCalls::answer("sctp_bindx", 0);
@@ -301,9 +311,9 @@ TEST_F(SctpRefreshTest, AddressOfTheOtherSubnetIsAdded)
                   {"getsockopt", {FD, IPPROTO_SCTP, SCTP_ASSOCINFO, 20}, ""},
                   {"sctp_getladdrs", {FD, ASSOCIATION}, ""},
                   {"SIOCGIFCONF", {FD, 2048}, ""},
-                  {"SIOCGIFADDR", {FD}, "eth0"},
-                  {"SIOCGIFADDR", {FD}, "eth1"},
-                  {"SIOCGIFADDR", {FD}, "eth2"},
+                  {"SIOCGIFADDR", {FD}, interface("eth0")},
+                  {"SIOCGIFADDR", {FD}, interface("eth1")},
+                  {"SIOCGIFADDR", {FD}, interface("eth2")},
                   {"sctp_bindx",
                    {FD, 1, SCTP_BINDX_ADD_ADDR},
                    bytesOf(address(SCTP_SUBNET_B, 3))},
@@ -377,6 +387,19 @@ TEST_F(SctpRefreshTest, InterfaceOfAnotherFamilyIsSkipped)
     fakeCalls::answer("sctp_bindx", 0);
     EXPECT_EQ(0, iv_Channel.RefreshChannel());
     expectAdded(address(SCTP_SUBNET_B, 3));
+}
+
+// Else the kernel tells the first of an interface's addresses each time.
+TEST_F(SctpRefreshTest, InterfaceIsAskedForTheAddressThatWasListed)
+{
+    local({address(SCTP_SUBNET_A, 1)});
+    const std::string l_entry = interface("eth0", address(SCTP_SUBNET_B, 3));
+    fakeCalls::answer("SIOCGIFCONF", 0, 0, l_entry);
+    fakeCalls::answer("SIOCGIFADDR", 0);
+    fakeCalls::answer("sctp_bindx", 0);
+    EXPECT_EQ(0, iv_Channel.RefreshChannel());
+    EXPECT_EQ((std::vector<Call>{{"SIOCGIFADDR", {FD}, l_entry}}),
+              fakeCalls::callsOf("SIOCGIFADDR"));
 }
 
 TEST_F(SctpRefreshTest, InterfaceThatCannotBeAskedEndsTheSearch)
