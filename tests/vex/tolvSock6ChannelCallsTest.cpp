@@ -251,21 +251,24 @@ TEST_F(Sock6ChannelCallsTest, SendPassesNoFlags)
 
 TEST_F(Sock6ChannelCallsTest, SendCarriesWhereTheLastPacketArrived)
 {
-    open(SOCK_TYPE_UDP);
-    answer("recvmsg", arrived("a", v6()));
-    EXPECT_FALSE(read(1));
-    answer("sendmsg", {1});
-    EXPECT_FALSE(write("a"));
-    expectSource(calls().back(), 41, 50, pkt6Info("2001:db8::1"));
+    for (const SockType l_type : {SOCK_TYPE_TCP, SOCK_TYPE_UDP})
+    {
+        open(l_type);
+        answer("recvmsg", arrived("a", v6()));
+        EXPECT_FALSE(read(1));
+        answer("sendmsg", {1});
+        EXPECT_FALSE(write("a"));
+        expectSource(calls().back(), 41, 50, pkt6Info("2001:db8::1"));
 #if __SIZEOF_POINTER__ == 4
-    EXPECT_EQ(32U, calls().back().control.size());
+        EXPECT_EQ(32U, calls().back().control.size());
 #endif
 
-    answer("recvmsg", arrived("a", v4()));
-    EXPECT_FALSE(read(1));
-    answer("sendmsg", {1});
-    EXPECT_FALSE(write("a"));
-    expectSource(calls().back(), 0, 8, pktInfo("192.0.2.1", "192.0.2.255"));
+        answer("recvmsg", arrived("a", v4()));
+        EXPECT_FALSE(read(1));
+        answer("sendmsg", {1});
+        EXPECT_FALSE(write("a"));
+        expectSource(calls().back(), 0, 8, pktInfo("192.0.2.1", "192.0.2.255"));
+    }
 }
 
 TEST_F(Sock6ChannelCallsTest, LastOfSeveralControlMessagesCounts)
