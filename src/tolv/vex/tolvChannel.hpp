@@ -76,6 +76,9 @@ class TOLV_EXPORT Channel : public Base
     /// where the transport has none.
     ///
     /// Returns: the status of its last system call, negative for a failure.
+    /// Threads: with several workers the dispatcher calls it while another
+    ///          thread is inside a different operation of the channel; the
+    ///          descriptor and the type are all that it may use.
     virtual int RefreshChannel() = 0;
 
     /// OS_INVALID when there is none.

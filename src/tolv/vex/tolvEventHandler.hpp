@@ -94,6 +94,10 @@ class TOLV_EXPORT EventHandler : public Base
 
     /// EVENT_REFRESH for each registered descriptor. Unless overridden it does
     /// nothing.
+    ///
+    /// Threads: that of the timer which asked for it; with more than one worker
+    ///          the handler's other callbacks may run meanwhile, also that for
+    ///          the same descriptor.
     virtual void RefreshHandler(OS_HANDLE i_handle, EVENT i_event);
 
   protected:

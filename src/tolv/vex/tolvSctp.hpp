@@ -25,6 +25,7 @@ extern const std::uint32_t SCTP_SUBNET_B;
 ///
 /// SockAcc and SockConn do this for every SCTP connection.
 ///
+/// i_peer: the other end of the association, which is there already.
 /// Errors: 0x4411 or 0x4412, origin 25, at the first option that cannot be
 ///         read or set; those after it stay as they are.
 TOLV_EXPORT pError_t SetSctpSocketProperties(int i_fd,

@@ -49,7 +49,8 @@ class TOLV_EXPORT Sock6Channel : public Channel
     virtual const char* getLocalAddress();
 
     /// Sets the peer: where Write() sends, unless to a UNIX-domain socket, and
-    /// what getRemoteAddress() and getPort() tell.
+    /// what getRemoteAddress() and getPort() tell. Over TCP a text of more than
+    /// 15 characters is NOT told: the one before it stays, at first empty.
     virtual void setRemoteAddress(const Sock6Addr_t& i_addr);
 
   private:

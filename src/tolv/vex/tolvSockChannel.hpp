@@ -58,8 +58,8 @@ class TOLV_EXPORT SockChannel : public Channel
     const char* getRemoteAddress() override;
     int getPort() override;
 
-    /// For SCTP: adds the local address of the other internal subnet to an
-    /// association that has an address in one of the two only.
+    /// For SCTP: adds a local address in the other internal subnet to an
+    /// association that has exactly one local address in the two of them.
     int RefreshChannel() override;
 
   private:
