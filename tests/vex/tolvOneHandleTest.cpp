@@ -2,7 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstring>
+#include <ctime>
+
+#include <algorithm>
+#include <limits>
 
 using namespace tolv;
 
@@ -59,4 +64,21 @@ TEST(OneHandleTest, NegativeHandleMakesAnEmptySet)
     EXPECT_FALSE(l_set.isSet());
     const fd_set l_empty = {};
     EXPECT_EQ(0, std::memcmp(&l_empty, l_set.view(), sizeof(l_empty)));
+}
+
+TEST(OneHandleTest, TimeOutKeepsItsSecondsAndMicroseconds)
+{
+    const timeval l_span = toTimeval(TimeValue(0x7FFFFFFF, 999999));
+    EXPECT_EQ(0x7FFFFFFF, l_span.tv_sec);
+    EXPECT_EQ(999999, l_span.tv_usec);
+}
+
+TEST(OneHandleTest, TimeOutThatATimeDoesNotHoldIsTheLongest)
+{
+    const std::int64_t l_longest = std::numeric_limits<time_t>::max();
+    for (const std::uint32_t l_seconds : {0x80000000U, 0xFFFFFFFFU})
+    {
+        EXPECT_EQ(std::min<std::int64_t>(l_seconds, l_longest),
+                  toTimeval(TimeValue(l_seconds)).tv_sec);
+    }
 }

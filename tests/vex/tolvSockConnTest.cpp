@@ -14,6 +14,7 @@
 #include <netinet/in.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -245,8 +246,37 @@ TEST_F(SockConnTest, UdpAndUnixGetNoOptions)
     Channel* l_local = nullptr;
     EXPECT_FALSE(iv_Unix.Connect("/p", PORT, l_local));
     EXPECT_TRUE(fakeCalls::callsOf("setsockopt").empty());
-    EXPECT_EQ(110, fakeCalls::callsOf("connect")[1].arguments[1]);
     delete l_local;
+}
+
+TEST_F(SockConnTest, UdpAndSctpAreWaitedForAsTcpIs)
+{
+    for (const SockType l_type : {SOCK_TYPE_UDP, SOCK_TYPE_SCTP})
+    {
+        SockConn l_connector(l_type);
+        fakeCalls::answer("connect", -1, EINPROGRESS);
+        fakeCalls::answer("select", 0);
+        Channel* l_channel = nullptr;
+        expectError(l_connector.Connect("10.1.2.3", PORT, l_channel), 5, 0x440C,
+                    "ConnectWithTimeout: Connection timed out, timer expired "
+                    "on select",
+                    ETIMEDOUT);
+        EXPECT_EQ(nullptr, l_channel);
+    }
+    EXPECT_EQ(2U, fakeCalls::callsOf("connect").size());
+    EXPECT_TRUE(fakeCalls::callsOf("nanosleep").empty());
+}
+
+TEST_F(SockConnTest, LongestTimeOutIsWaitedFor)
+{
+    inProgress(1);
+    iv_Tcp.setTimeOut(TimeValue(0xFFFFFFFF, 999999));
+    Channel* l_channel = nullptr;
+    EXPECT_FALSE(iv_Tcp.Connect("10.1.2.3", PORT, l_channel));
+    const Call l_select = fakeCalls::callsOf("select")[0];
+    EXPECT_LE(0x7FFFFFFF, l_select.arguments[4]) << "not negative";
+    EXPECT_EQ(999999, l_select.arguments[5]);
+    delete l_channel;
 }
 
 TEST_F(SockConnTest, SctpConnectionIsTuned)
@@ -418,6 +448,26 @@ TEST_F(SockConnTest, UnixServerThatNeverStartsIsTriedSixTimes)
     EXPECT_EQ(flags(FLAGS), fakeCalls::callsOf("fcntl").back());
 }
 
+TEST_F(SockConnTest, UnixSocketDoesNotBlockWhileItIsConnected)
+{
+    sockaddr_un l_server = {};
+    l_server.sun_family = AF_UNIX;
+    std::memcpy(l_server.sun_path, "/p", 2);
+    const Call l_connect = {"connect", {FD, 110}, bytesOf(l_server)};
+    fakeCalls::answer("connect", -1, ENOENT);
+    Channel* l_channel = nullptr;
+    EXPECT_FALSE(iv_Unix.Connect("/p", PORT, l_channel));
+    expectCalls({{"socket", {AF_UNIX, SOCK_STREAM, 0}, ""},
+                 {"fcntl", {FD, F_SETFD, FD_CLOEXEC}, ""},
+                 {"fcntl", {FD, F_GETFL, 0}, ""},
+                 flags(FLAGS | O_NONBLOCK),
+                 l_connect,
+                 {"nanosleep", {1, 0}, ""},
+                 l_connect,
+                 flags(FLAGS)});
+    delete l_channel;
+}
+
 TEST_F(SockConnTest, UnixConnectRetriesWhileTheServerMayAppear)
 {
     for (const int l_errno :
@@ -566,6 +616,11 @@ TEST_F(SockConnTest, TimeOutThatIsOffIsFiveSecondsForTwoAddresses)
     EXPECT_EQ(12U, fakeCalls::callsOf("connect").size());
     EXPECT_FALSE(iv_Unix.isTimeOutEnabled());
     EXPECT_EQ(TimeValue(5, 0), iv_Unix.getTimeOut()) << "the value stays";
+
+    fakeCalls::answerAlways("connect", 0);
+    EXPECT_FALSE(iv_Unix.Connect("/p", "/q", PORT, l_channel));
+    EXPECT_FALSE(iv_Unix.isTimeOutEnabled());
+    delete l_channel;
 }
 
 TEST_F(SockConnTest, DumpPrintsNothing)
@@ -704,7 +759,7 @@ TEST_F(SockConnLoopbackTest, UnixServerMayStartLater)
     SockAddr_t l_address = {};
     ASSERT_EQ(1,
               initSockAddrStruct(l_path.c_str(), 0, l_address, SOCK_TYPE_UNIX));
-    // The first attempt finds no socket, the second one that does not listen.
+    // The first attempt finds no socket, however fast the server starts.
     const int l_listener = socket(AF_UNIX, SOCK_STREAM, 0);
     fakeCalls::start();
     fakeCalls::answer("connect", -1, ENOENT);

@@ -13,7 +13,6 @@
 #include <ctime>
 
 #include <algorithm>
-#include <limits>
 
 namespace
 {
@@ -34,16 +33,6 @@ timeval fromMicros(std::int64_t i_micros)
     timeval l_span = {};
     l_span.tv_sec = static_cast<time_t>(i_micros / MICROS_PER_SECOND);
     l_span.tv_usec = static_cast<suseconds_t>(i_micros % MICROS_PER_SECOND);
-    return l_span;
-}
-
-timeval toTimeval(const tolv::TimeValue& i_span)
-{
-    constexpr std::uint64_t LAST = std::numeric_limits<time_t>::max();
-    timeval l_span = {};
-    l_span.tv_sec =
-        static_cast<time_t>(std::min<std::uint64_t>(i_span.getSeconds(), LAST));
-    l_span.tv_usec = static_cast<suseconds_t>(i_span.getMicroSeconds());
     return l_span;
 }
 

@@ -1,5 +1,10 @@
 #include "tolv/vex/tolvOneHandle.hpp"
 
+#include <cstdint>
+
+#include <algorithm>
+#include <limits>
+
 namespace tolv
 {
 
@@ -37,6 +42,16 @@ fd_mask* OneHandle::word()
 fd_mask OneHandle::bit() const
 {
     return static_cast<fd_mask>(1UL << (iv_Handle % NFDBITS));
+}
+
+timeval toTimeval(const TimeValue& i_span)
+{
+    constexpr std::uint64_t LAST = std::numeric_limits<time_t>::max();
+    timeval l_span = {};
+    l_span.tv_sec =
+        static_cast<time_t>(std::min<std::uint64_t>(i_span.getSeconds(), LAST));
+    l_span.tv_usec = static_cast<suseconds_t>(i_span.getMicroSeconds());
+    return l_span;
 }
 
 } // namespace tolv

@@ -1,8 +1,9 @@
-// Private header: a set of one descriptor for select().
+// Private header: what select() takes of one descriptor: set and time-out.
 #ifndef TOLV_VEX_TOLVONEHANDLE_HPP
 #define TOLV_VEX_TOLVONEHANDLE_HPP
 
 #include "tolv/vex/tolvEventHandler.hpp"
+#include "tolv/vex/tolvTimeValue.hpp"
 
 #include <sys/select.h>
 
@@ -36,6 +37,10 @@ class OneHandle
     fd_set iv_Small;
     std::vector<fd_mask> iv_Large; // in place of iv_Small, if not empty
 };
+
+/// A time-out as select() takes it. One with more seconds than a time_t holds,
+/// as there are on 32-bit systems, becomes the longest that it holds.
+timeval toTimeval(const TimeValue& i_span);
 
 } // namespace tolv
 

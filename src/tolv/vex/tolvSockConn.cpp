@@ -189,9 +189,7 @@ pError_t SockConn::connectWithTimeOut(OS_HANDLE& io_fd,
 // Pinned by: SockConnTest.InterruptedSelectIsAnError
 pError_t SockConn::waitForConnection(OS_HANDLE& io_fd, int& o_pending)
 {
-    timeval l_left = {};
-    l_left.tv_sec = static_cast<time_t>(iv_TimeOut.getSeconds());
-    l_left.tv_usec = static_cast<suseconds_t>(iv_TimeOut.getMicroSeconds());
+    timeval l_left = toTimeval(iv_TimeOut);
     OneHandle l_read(io_fd);
     OneHandle l_write(io_fd);
     const int l_ready =
