@@ -7,6 +7,7 @@ the other side when a program that uses the library is tested or debugged.
 
 import argparse
 import json
+import math
 import os
 import re
 import socket
@@ -204,7 +205,11 @@ class Address:
         """A socket of the right kind, and the address to give to it."""
         place = self.place
         if self.family is None:
-            found = socket.getaddrinfo(*place, type=self.type)
+            try:
+                found = socket.getaddrinfo(*place, type=self.type)
+            except UnicodeError:  # a label of the name is empty or too long
+                raise WireError("'%s' is no name of a host"
+                                % place[0]) from None
             self.family, place = found[0][0], found[0][4]
         return socket.socket(self.family, self.type), place
 
@@ -272,7 +277,7 @@ def message_of(arguments):
     if arguments.body_file is not None:
         body = read_file(arguments.body_file)
     else:
-        body = arguments.body.encode()
+        body = os.fsencode(arguments.body)
     points = arguments.checkpoint
     if arguments.profile and points is None:
         points = []
@@ -400,6 +405,18 @@ def check_point(text):
     return point
 
 
+def seconds(text):
+    """The type of an argument: a time, up to a year."""
+    try:
+        value = float(text)
+    except ValueError:
+        value = math.nan
+    if not 0 < value <= 366 * 86400:
+        raise argparse.ArgumentTypeError(
+            "'%s' is no time; seconds above 0, up to a year, are" % text)
+    return value
+
+
 def add_message(parser):
     """The arguments that describe a message."""
     group = parser.add_argument_group("the message")
@@ -413,7 +430,8 @@ def add_message(parser):
                        metavar="ID[@SECONDS[.MICROSECONDS]]",
                        help="a checkpoint of the profile; may be repeated")
     body = group.add_mutually_exclusive_group()
-    body.add_argument("--body", default="", metavar="TEXT", help="in UTF-8")
+    body.add_argument("--body", default="", metavar="TEXT",
+                      help="the bytes of the body")
     body.add_argument("--body-file", metavar="FILE",
                       help="take the body from a file, - for standard input")
 
@@ -423,7 +441,7 @@ def add_network(parser, count_help):
     parser.add_argument("address", type=Address, metavar="ADDRESS")
     parser.add_argument("--count", type=int, default=1, metavar="N",
                         help=count_help)
-    parser.add_argument("--time-out", type=float, metavar="SECONDS",
+    parser.add_argument("--time-out", type=seconds, metavar="SECONDS",
                         help="give up when nothing moves for so long")
     parser.add_argument("--save", metavar="FILE",
                         help="keep the bytes of received messages")

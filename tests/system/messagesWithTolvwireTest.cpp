@@ -368,6 +368,14 @@ TEST_F(TolvwireTest, EncodedBytesAreThoseThatTheLibrarySends)
     EXPECT_EQ(0, l_tool.status());
 }
 
+TEST_F(TolvwireTest, BodyIsTakenAsTheBytesThatItIsGivenIn)
+{
+    Tool l_tool("encode --body \"$(printf 'a\\303\\244\\377')\"");
+    const std::string l_sent = l_tool.rest();
+    EXPECT_EQ(0, l_tool.status());
+    EXPECT_EQ("61 C3 A4 FF", toHex(l_sent.substr(32)));
+}
+
 TEST_F(TolvwireTest, DecodeShowsTheMessagesOfAFile)
 {
     EXPECT_EQ(
@@ -454,7 +462,11 @@ TEST_F(TolvwireTest, WrongCallsAreToldWithTheUsage)
     for (const char* l_call :
          {"", "send", "send nowhere", "send tcp:127.0.0.1:65536",
           "encode --id 4294967296", "encode --type -1", "encode --aux x",
-          "encode --checkpoint 1@2.1234567", "recv unix:", "decode"})
+          "encode --checkpoint 1@2.1234567", "recv unix:", "decode",
+          "send udp:127.0.0.1:1 --time-out -1",
+          "send udp:127.0.0.1:1 --time-out 0",
+          "recv udp:127.0.0.1:0 --time-out nan",
+          "recv udp:127.0.0.1:0 --time-out inf"})
     {
         Tool l_tool(l_call);
         const std::string l_text = l_tool.rest();
@@ -474,6 +486,10 @@ TEST_F(TolvwireTest, NetworkFailuresAreTold)
     Tool l_refused("send unix:" + iv_Path);
     EXPECT_EQ("tolvwire.py: Connection refused\n", l_refused.rest());
     EXPECT_EQ(1, l_refused.status());
+
+    Tool l_noName("send tcp:a..b:1");
+    EXPECT_EQ("tolvwire.py: 'a..b' is no name of a host\n", l_noName.rest());
+    EXPECT_EQ(1, l_noName.status());
 
     Tool l_late("recv udp:127.0.0.1:0 --time-out 0.01");
     l_late.line();
