@@ -4,6 +4,7 @@
 #include "support/errorImage.hpp"
 #include "support/fakeUptime.hpp"
 #include "support/hex.hpp"
+#include "support/netMessageBytes.hpp"
 #include "support/scriptedChannel.hpp"
 #include "support/tempDir.hpp"
 
@@ -159,6 +160,17 @@ TEST(ProfilerTest, ExtractReplacesTheCheckPoints)
               l_profile.getCheckPoints()[0].time);
     EXPECT_EQ(TimeValue(5, 6), l_profile.getCheckPoints()[1].time);
     EXPECT_EQ(TWO_CHECK_POINTS, placed(l_profile));
+}
+
+TEST(ProfilerTest, ExtractedProfileHasRoomForTheStampOfItsArrival)
+{
+    constexpr std::uint32_t COUNT = 1000;
+    Profiler l_profile;
+    l_profile.ExtractProfile(profileOf(COUNT).data());
+    ASSERT_EQ(COUNT, l_profile.getCheckPoints().size());
+    const CheckPoint* const l_before = l_profile.getCheckPoints().data();
+    l_profile.addStamp();
+    EXPECT_EQ(l_before, l_profile.getCheckPoints().data());
 }
 
 TEST(ProfilerTest, FitsOnlyWhereTheWholeFormLies)

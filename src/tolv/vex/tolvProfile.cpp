@@ -253,7 +253,9 @@ unsigned int Profiler::ExtractProfile(const void* i_bytes)
     const std::uint32_t l_count = getBig32(l_bytes);
     l_bytes += WORD;
     iv_CheckPoints.clear();
-    iv_CheckPoints.reserve(std::max<std::size_t>(l_count, RESERVED));
+    // The stamp of the arrival follows: it must not double a large profile.
+    iv_CheckPoints.reserve(
+        std::max(static_cast<std::size_t>(l_count) + 1, RESERVED));
     for (std::uint32_t l_index = 0; l_index != l_count; ++l_index)
     {
         const TimeValue l_time(getBig32(l_bytes + OFF_SECONDS),
