@@ -12,9 +12,11 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
+
+#include <algorithm>
 #include <random>
 #include <string>
 #include <vector>
@@ -93,6 +95,9 @@ void receiveInTwo(const std::string& i_message, std::size_t i_split,
     EXPECT_EQ(l_accepted ? 0 : i_split, l_channel.incoming.size());
     EXPECT_EQ(l_accepted ? i_split : 0, l_message.getOffset());
     EXPECT_EQ(l_accepted ? partOf(i_message, i_split) : "", bytesOf(l_message));
+    EXPECT_EQ(l_accepted ? 0x01020304U : 0U, l_message.getMsgId());
+    EXPECT_EQ(l_accepted ? 0x45464748U : 0U, l_message.getSeqNum());
+    EXPECT_EQ(nullptr, l_message.getProfiler());
 
     l_channel.error = 0;
     l_channel.incoming += i_message.substr(i_split);
@@ -122,6 +127,40 @@ int receiveAll(const std::string& i_bytes)
     }
 }
 
+// Says what became of it.
+class Watched : public NetMessage
+{
+  public:
+    Watched() : NetMessage(0) {}
+
+    void ExtractHeader() override
+    {
+        EXPECT_FALSE(isReceiving());
+        steps += "extract ";
+        NetMessage::ExtractHeader();
+    }
+
+    void Dump(FILE* o_stream) override
+    {
+        EXPECT_EQ(nullptr, o_stream);
+        steps += "dump " + bytesOf(*this);
+    }
+
+    std::string steps;
+};
+
+// A channel that has written one byte more than the 32 that were asked for.
+class Overfull : public ScriptedChannel
+{
+  public:
+    pError_t Peek(void* o_buf, unsigned int& io_bytes) override
+    {
+        pError_t l_error = ScriptedChannel::Peek(o_buf, io_bytes);
+        ++io_bytes;
+        return l_error;
+    }
+};
+
 // Pages of the i_bytes at i_block that are in memory.
 std::size_t residentPages(const char* i_block, std::size_t i_bytes)
 {
@@ -146,7 +185,12 @@ extern "C"
 
     void* __wrap_malloc(std::size_t i_size)
     {
-        return i_size > LARGEST_BLOCK ? nullptr : __real_malloc(i_size);
+        if (i_size > LARGEST_BLOCK)
+        {
+            errno = ENOMEM;
+            return nullptr;
+        }
+        return __real_malloc(i_size);
     }
 }
 
@@ -295,6 +339,18 @@ TEST(NetMessageReceiveTest, SetDataGivesUpAReception)
     expectReceived(l_message, "next");
 }
 
+TEST(NetMessageReceiveTest, WholeMessageIsTakenApartThenDumped)
+{
+    const std::string l_bytes = messageOf(BODY);
+    ScriptedChannel l_channel(l_bytes.substr(0, 40));
+    Watched l_message;
+    EXPECT_FALSE(l_message.Receive(l_channel));
+    EXPECT_EQ("", l_message.steps);
+    l_channel.incoming = l_bytes.substr(40);
+    EXPECT_FALSE(l_message.Receive(l_channel));
+    EXPECT_EQ("extract dump " + BODY, l_message.steps);
+}
+
 TEST(NetMessageReceiveTest, LaterMessagesReplaceEarlierOnes)
 {
     ScriptedChannel l_channel(messageOf("first one") + messageOf("2") +
@@ -312,6 +368,25 @@ TEST(NetMessageReceiveTest, InvalidMessageHasNeitherOriginNorReason)
     EXPECT_EQ(refusalText("EyeCatcher[00414243] HeaderLen[68] "
                           "MessageLen[1162233672]"),
               refusal("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghij"));
+}
+
+TEST(NetMessageReceiveTest, InvalidMessageRecordsErrnoAsItIs)
+{
+    // Refused by its header, and by the profile that it does not have.
+    for (const std::string& l_bytes :
+         {std::string(32, '\0'), headerOf(32, 35, 3, "40 00") + "abc"})
+    {
+        for (const int l_errno : {0, EXDEV})
+        {
+            ScriptedChannel l_channel(l_bytes);
+            NetMessage l_message(0);
+            errno = l_errno;
+            const pError_t l_error = l_message.Receive(l_channel);
+            ASSERT_TRUE(l_error);
+            EXPECT_EQ(l_errno, l_error->getErrno());
+            EXPECT_EQ(l_errno, errno);
+        }
+    }
 }
 
 TEST(NetMessageReceiveTest, EachBitOfTheEyecatcherCounts)
@@ -424,9 +499,13 @@ TEST(NetMessageReceiveTest, ProfileMayTakeTheWholeBody)
 
 TEST(NetMessageReceiveTest, MessageOfFourGigabytesWithoutMemoryIsInvalid)
 {
-    const std::string l_text = refusal(headerOf(32, 0xFFFFFFFF, 0xFFFFFFDF));
+    const std::string l_bytes = headerOf(32, 0xFFFFFFFF, 0xFFFFFFDF);
     EXPECT_EQ(refusalText("EyeCatcher[00DECAFF] HeaderLen[32] MessageLen[-1]"),
-              l_text);
+              refusal(l_bytes));
+    ScriptedChannel l_channel(l_bytes);
+    NetMessage l_message(0);
+    errno = 0;
+    EXPECT_EQ(ENOMEM, l_message.Receive(l_channel)->getErrno());
 }
 
 TEST(NetMessageReceiveTest, MessageLongerThanTheLimitIsInvalid)
@@ -509,6 +588,19 @@ TEST(NetMessageReceiveDeathTest, ChannelThatReportsMoreThanWasAskedForAborts)
     ScriptedChannel l_channel(messageOf(BODY));
     l_channel.onRead = [](char*, unsigned int& io_bytes) { ++io_bytes; };
     NetMessage l_message(0);
+    EXPECT_ABORT(static_cast<void>(l_message.Receive(l_channel)));
+    Overfull l_overfull;
+    l_overfull.incoming = messageOf(BODY);
+    EXPECT_ABORT(static_cast<void>(l_message.Receive(l_overfull)));
+}
+
+TEST(NetMessageReceiveDeathTest, BufferMadeShorterThanAHeaderMeanwhileAborts)
+{
+    ScriptedChannel l_channel(profiledMessageOf(1, BODY).substr(0, 40));
+    NetMessage l_message(0);
+    EXPECT_FALSE(l_message.Receive(l_channel));
+    l_message.Resize(31);
+    l_channel.incoming = std::string(31, '\0');
     EXPECT_ABORT(static_cast<void>(l_message.Receive(l_channel)));
 }
 

@@ -369,6 +369,11 @@ void NetMessage::ExtractHeader()
 // Deliberate: origin and reason are 0.
 // Effect: an invalid message is told from other errors by its text only.
 // Pinned by: NetMessageReceiveTest.InvalidMessageHasNeitherOriginNorReason
+//
+// Deliberate: the error records errno as it is, though no call has failed,
+// unless there was no memory for the message.
+// Effect: its errno may be that of any earlier failure of the thread.
+// Pinned by: NetMessageReceiveTest.InvalidMessageRecordsErrnoAsItIs
 pError_t NetMessage::invalidMessage(const unsigned char* i_header)
 {
     return BuildLog(0, 0, g_TolvTraceDesc,

@@ -87,10 +87,12 @@ class TOLV_EXPORT NetMessage : public DataBuff
     ///          channel's time-out; EMPTY TOO, with nothing changed, when fewer
     ///          than 32 bytes could be peeked.
     /// Errors:  those of the channel, with what was received kept; origin 0
-    ///          and reason 0 for bytes that are no message. An invalid header
-    ///          stays in the channel, so that each further call finds it again:
-    ///          close the channel. A message whose profile does not fit into it
-    ///          is taken from the channel and its bytes are left in the buffer.
+    ///          and reason 0 for bytes that are no message, and for a message
+    ///          that memory is too short for. That one has errno ENOMEM; errno
+    ///          of the others means nothing. An invalid header stays in the
+    ///          channel, so that each further call finds it again: close the
+    ///          channel. A message whose profile does not fit into it is taken
+    ///          from the channel and its bytes are left in the buffer.
     /// Blocks:  as Channel::Peek() and Channel::Read().
     virtual pError_t Receive(Channel& io_channel);
 
@@ -208,7 +210,8 @@ class TOLV_EXPORT NetMessage : public DataBuff
     ///
     /// Set one where peers are not trusted: the memory for a message is asked
     /// for when its header has arrived. It is in use only as far as bytes have
-    /// arrived, until a call ends with a part of the message.
+    /// arrived, until a call ends with a part of the message. A profile takes
+    /// as many bytes again.
     ///
     /// Threads: any; holds for all messages of the process.
     static void setMaxMessageLength(unsigned int i_bytes);
