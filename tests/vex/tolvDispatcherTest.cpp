@@ -316,12 +316,13 @@ TEST_F(DispatcherTest, ShutdownSleepsBeforeAndAfter)
     EXPECT_EQ(0, l_handler.iv_Shutdowns);
     EXPECT_TRUE(limits().empty());
     fakeSleep::letGo();
-    // The second one begins when all is done and the callers can go.
+    // The second one begins when all is done. Callers stay for it.
     EXPECT_TRUE(fakeSleep::waitForBegun(2));
     EXPECT_EQ(std::vector<unsigned int>({20}), limits());
     EXPECT_EQ(1, l_handler.iv_Shutdowns);
     EXPECT_FALSE(isRegistered(l_dispatcher, l_pair.near()));
-    EXPECT_TRUE(waitFor([&] { return l_processed.load(); }));
+    EXPECT_TRUE(waitForWaiters(l_dispatcher, 1));
+    EXPECT_FALSE(l_processed);
     EXPECT_FALSE(l_ended);
     fakeSleep::letGo();
     l_shutdown.join();

@@ -141,21 +141,19 @@ bool Dispatcher::ExpireTimer(Timer_t i_timer)
     return pImpl->ExpireTimer(i_timer);
 }
 
-// A caller that comes during a shutdown stays for its end: handlers are still
-// called until then.
+// A caller that comes or goes during a shutdown stays for its end: handlers are
+// still called until the teardown, and the last second counts as well.
 void Dispatcher::ProcessEvents()
 {
     const MutexLock l_lock(iv_Lock);
     ++iv_Processing;
-    while (iv_ShuttingDown)
-    {
-        iv_Changed.Wait(iv_Lock);
-    }
+    waitForShutdown();
     if (!iv_Shutdown && pImpl != nullptr)
     {
         iv_Lock.Unlock();
         pImpl->ProcessEvents();
         iv_Lock.Lock();
+        waitForShutdown();
     }
     --iv_Processing;
     iv_Changed.NotifyAll();
@@ -188,12 +186,18 @@ void Dispatcher::Shutdown(std::uint32_t i_seconds)
 // defers a shutdown would wait for the end of the one that waits for it.
 void Dispatcher::beginShutdown()
 {
+    waitForShutdown();
+    iv_Shutdown = true;
+    iv_ShuttingDown = true;
+}
+
+// Until none is under way.
+void Dispatcher::waitForShutdown()
+{
     while (iv_ShuttingDown)
     {
         iv_Changed.Wait(iv_Lock);
     }
-    iv_Shutdown = true;
-    iv_ShuttingDown = true;
 }
 
 // Deliberate: everything has a second to come to its end before it is stopped.

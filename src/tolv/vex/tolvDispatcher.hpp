@@ -108,7 +108,8 @@ class TOLV_EXPORT Dispatcher
     /// the maximum, and returns when the dispatcher has shut down; at once when
     /// it has been shut down already or has no engine.
     ///
-    /// Blocks: for the life of the daemon. Never from a callback.
+    /// Blocks: for the life of the daemon, until Shutdown() returns. Never from
+    ///         a callback.
     virtual void ProcessEvents();
 
     /// Watches a descriptor again that was left disabled because its handler
@@ -150,6 +151,7 @@ class TOLV_EXPORT Dispatcher
     void checkEngine(unsigned int i_line, const char* i_function) const;
     void waitForOthers() TOLV_EXCLUDES(iv_Lock);
     void beginShutdown() TOLV_REQUIRES(iv_Lock);
+    void waitForShutdown() TOLV_REQUIRES(iv_Lock);
     void runShutdown(std::uint32_t i_seconds) TOLV_EXCLUDES(iv_Lock);
     bool isShuttingDown() TOLV_EXCLUDES(iv_Lock);
     void runWatchDog() TOLV_EXCLUDES(iv_Lock);

@@ -203,8 +203,8 @@ void MTDispatcher::EnableCallback(Timer_t i_timer)
 }
 
 // Deliberate: one wait that does not test iv_Finished again.
-// Effect: should the wait end without a notification, the caller is back
-// before the engine is torn down.
+// Effect: should the wait end without a notification, this returns before the
+// engine is torn down. Dispatcher::ProcessEvents() waits for the shutdown then.
 // Pinned by: DispatcherImplTest.ProcessEventsWaitsOnce
 void MTDispatcher::ProcessEvents()
 {
