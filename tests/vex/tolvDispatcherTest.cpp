@@ -22,6 +22,7 @@
 #include <chrono>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -39,6 +40,7 @@ TOLV_PRIVATE_MEMBER(EngineShutdown, MTDispatcher, std::atomic<bool>,
                     iv_Shutdown);
 TOLV_PRIVATE_MEMBER(RegLock, MTDispatcher, Mutex, iv_RegLock);
 TOLV_PRIVATE_MEMBER(Handles, MTDispatcher, HandleTable, iv_Handles);
+TOLV_PRIVATE_MEMBER(Pool, MTDispatcher, std::optional<ThreadPool>, iv_Pool);
 
 namespace
 {
@@ -55,6 +57,9 @@ std::vector<unsigned int> g_limits;
 // Threads that start, and whether they fail to.
 std::atomic<int> g_threads(0);
 std::atomic<bool> g_failThreads(false);
+
+// Whether waits with a limit have reached it as soon as they begin.
+std::atomic<bool> g_impatient(false);
 
 // Where callers are held when they leave the engine's ProcessEvents().
 Gate* g_exit = nullptr;
@@ -173,6 +178,17 @@ bool wrapShutdown(ThreadPool* io_pool, unsigned int i_seconds)
         g_limits.push_back(i_seconds);
     }
     return realShutdown(io_pool, i_seconds);
+}
+
+bool realTimedWait(Condition*, Mutex&, const TimeValue&) __asm__(
+    "__real__ZN4tolv9Condition9TimedWaitERNS_5MutexERKNS_9TimeValueE");
+bool wrapTimedWait(Condition*, Mutex&, const TimeValue&) __asm__(
+    "__wrap__ZN4tolv9Condition9TimedWaitERNS_5MutexERKNS_9TimeValueE");
+
+bool wrapTimedWait(Condition* io_condition, Mutex& io_mutex,
+                   const TimeValue& i_deadline)
+{
+    return g_impatient || realTimedWait(io_condition, io_mutex, i_deadline);
 }
 
 void realProcessEvents(MTDispatcher*) __asm__(
@@ -1000,4 +1016,69 @@ TEST(DispatcherDeathTest, WatchdogThatCannotBeStartedFailsItsAssertion)
         l_defer(), "tolv/vex/tolvDispatcher", 220,
         "virtual void tolv::Dispatcher::DeferredShutdown(uint32_t)",
         "0 == pthread_create( &iv_WatchDogTid, 0, WatchDogThread, this )");
+}
+
+namespace
+{
+
+[[noreturn]] void hang()
+{
+    for (;;)
+    {
+        pause();
+    }
+}
+
+const char* const POOL_SOURCE = "tolv/vex/tolvThPool";
+const char* const POOL_DESTRUCTOR = "tolv::ThreadPool::~ThreadPool()";
+const char* const POOL_CHECK = "false == Shutdown( 60 )";
+
+} // namespace
+
+TEST(DispatcherDeathTest, DestructorFailsThePoolsAssertionForStuckThreads)
+{
+    const auto l_destroy = []
+    {
+        fakeSleep::skip();
+        std::atomic<int> l_stuck(0);
+        CountingHandler l_handlers[2];
+        Dispatcher* const l_dispatcher = new Dispatcher(1, 2, false);
+        // The second thread is a caller.
+        std::thread([=] { l_dispatcher->ProcessEvents(); }).detach();
+        const ThreadPool& l_pool = *(engineOf(*l_dispatcher).*get(Pool()));
+        waitFor([&] { return l_pool.getPoolDepth() == 2; });
+        for (CountingHandler& l_handler : l_handlers)
+        {
+            l_handler.iv_OnTimer = [&](Timer_t) -> ACTION
+            {
+                ++l_stuck;
+                hang();
+            };
+            addTimer(*l_dispatcher, l_handler, 0);
+        }
+        waitFor([&] { return l_stuck == 2; });
+        g_impatient = true;
+        delete l_dispatcher;
+        _exit(0);
+    };
+    EXPECT_ASSERTION(l_destroy(), POOL_SOURCE, 85, POOL_DESTRUCTOR, POOL_CHECK);
+}
+
+TEST(DispatcherDeathTest, DestructorInACallbackFailsThePoolsAssertion)
+{
+    const auto l_destroy = []
+    {
+        fakeSleep::skip();
+        g_impatient = true;
+        CountingHandler l_handler;
+        Dispatcher* const l_dispatcher = new Dispatcher(1, 1, false);
+        l_handler.iv_OnTimer = [=](Timer_t)
+        {
+            delete l_dispatcher;
+            return CONTINUE;
+        };
+        addTimer(*l_dispatcher, l_handler, 0);
+        waitFor([] { return false; });
+    };
+    EXPECT_ASSERTION(l_destroy(), POOL_SOURCE, 85, POOL_DESTRUCTOR, POOL_CHECK);
 }

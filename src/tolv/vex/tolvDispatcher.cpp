@@ -74,6 +74,9 @@ Dispatcher::~Dispatcher()
     if (l_shutDown)
     {
         runShutdown(DESTRUCTOR_LIMIT);
+        // A caller of ProcessEvents() whose callback does not end fails the
+        // pool's assertion, as any of its threads does: no waiting for it.
+        pImpl->Join();
     }
     waitForOthers();
     if (!l_deferred)

@@ -58,6 +58,8 @@ class TOLV_EXPORT Dispatcher
     ///
     /// Errors: after a direct Shutdown() it fails an assertion: a daemon that
     ///         shuts down directly ends without destroying the dispatcher.
+    ///         So does a thread whose callback does not end within 60 seconds
+    ///         after the shutdown, and the destructor in a callback.
     /// Blocks: for the shutdown, and until every caller has left
     ///         ProcessEvents(). Never from a callback.
     virtual ~Dispatcher();

@@ -245,6 +245,11 @@ void MTDispatcher::Finish()
     sleepFully(1);
 }
 
+void MTDispatcher::Join()
+{
+    iv_Pool->stop();
+}
+
 // The loop of the only thread: ends with the shutdown.
 void MTDispatcher::ThreadMainSingle()
 {

@@ -44,8 +44,7 @@ class MTDispatcher : private Base
     MTDispatcher(std::uint32_t i_minThreads, std::uint32_t i_maxThreads,
                  bool i_retireIdle);
 
-    /// After Shutdown() and Finish(). Errors: threads that are still there
-    /// after 60 seconds fail the pool's assertion.
+    /// After Shutdown() and Finish(). Joins the threads first, as Join() does.
     ~MTDispatcher() override;
     MTDispatcher(const MTDispatcher&) = delete;
     MTDispatcher& operator=(const MTDispatcher&) = delete;
@@ -81,6 +80,13 @@ class MTDispatcher : private Base
     ///
     /// Blocks: one second and as long as the handlers take.
     void Finish() TOLV_EXCLUDES(iv_RegLock);
+
+    /// After Finish(): waits until every thread of the pool has left it, those
+    /// inside ProcessEvents() too.
+    ///
+    /// Errors: threads that are still there after 60 seconds fail the pool's
+    ///         assertion.
+    void Join();
 
   private:
     // Handlers that have been taken out of the tables; destroyed unlocked.

@@ -52,6 +52,12 @@ ThreadPool::ThreadPool() :
 
 ThreadPool::~ThreadPool()
 {
+    stop();
+}
+
+// The destructor's part that may end the process.
+void ThreadPool::stop()
+{
     if (Shutdown(60))
     {
         assertFailed("false == Shutdown( 60 )", SOURCE, 85,

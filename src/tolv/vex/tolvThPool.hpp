@@ -87,7 +87,7 @@ class TOLV_EXPORT ThreadPool
 
   private:
     // The engine asks for runs under its registration lock, where nothing may
-    // be joined, and signals the threads.
+    // be joined, signals the threads, and stops them before it goes.
     friend class MTDispatcher;
 
     using ThreadList = std::vector<Thread*>;
@@ -95,6 +95,7 @@ class TOLV_EXPORT ThreadPool
     bool request() TOLV_EXCLUDES(iv_Lock);
     void reap() TOLV_EXCLUDES(iv_Lock);
     int signalAll(int i_signal) TOLV_EXCLUDES(iv_Lock);
+    void stop() TOLV_EXCLUDES(iv_Lock);
 
     void workerLoop() TOLV_EXCLUDES(iv_Lock);
     bool waitForRun(bool i_mayRetire) TOLV_REQUIRES(iv_Lock);
