@@ -23,6 +23,7 @@ Mode g_mode = Mode::REAL;
 int g_letGo = 0;
 bool g_interrupt = false;
 timespec g_left = {};
+std::function<void()> g_action; // of the next sleep
 std::vector<timespec> g_begun;
 
 // Returns false when the sleep is to be a real one.
@@ -41,6 +42,14 @@ bool sleepFake(const timespec& i_length, timespec* o_left, int& o_result)
         *o_left = g_left;
         errno = EINTR;
         o_result = -1;
+        return true;
+    }
+    if (g_action)
+    {
+        std::function<void()> l_action;
+        l_action.swap(g_action);
+        l_lock.unlock();
+        l_action();
         return true;
     }
     g_changed.wait(l_lock, [] { return g_mode == Mode::SKIP || g_letGo != 0; });
@@ -101,6 +110,12 @@ void interruptNext(const timespec& i_left)
     const std::lock_guard<std::mutex> l_lock(g_lock);
     g_interrupt = true;
     g_left = i_left;
+}
+
+void replaceNext(const std::function<void()>& i_action)
+{
+    const std::lock_guard<std::mutex> l_lock(g_lock);
+    g_action = i_action;
 }
 
 std::vector<timespec> begun()

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <ctime>
 
+#include <functional>
 #include <vector>
 
 /// For test programs that list fakeSleep.cpp among their sources and wrap
@@ -26,6 +27,9 @@ void letGo();
 
 /// The next sleep ends at once, interrupted by a signal with i_left to go.
 void interruptNext(const timespec& i_left);
+
+/// The next sleep calls i_action and ends when that has ended.
+void replaceNext(const std::function<void()>& i_action);
 
 /// The lengths of the sleeps that have begun since skip() or hold() was called
 /// first.

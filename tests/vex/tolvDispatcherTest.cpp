@@ -858,6 +858,17 @@ TEST_F(DispatcherTest,
     EXPECT_EQ(0U, valueOf(l_dispatcher, WatchDogTid()));
 }
 
+TEST_F(DispatcherTest, ShutdownThatEndsWhileAnotherIsBeingDeferredIsTheOnlyOne)
+{
+    ShutDownDispatcher<> l_dispatcher(1, 1, false);
+    const int l_threads = g_threads;
+    fakeSleep::replaceNext([&] { l_dispatcher.Shutdown(20); });
+    l_dispatcher.DeferredShutdown(5);
+    EXPECT_EQ(3U, fakeSleep::begun().size());
+    EXPECT_EQ(l_threads, g_threads);
+    EXPECT_EQ(0U, valueOf(l_dispatcher, WatchDogTid()));
+}
+
 namespace
 {
 

@@ -225,10 +225,12 @@ void Dispatcher::runShutdown(std::uint32_t i_seconds)
 
 void Dispatcher::DeferredShutdown(std::uint32_t i_seconds)
 {
-    const bool l_late = isShuttingDown();
+    const bool l_shutDown = isShutDown();
     sleepFully(1);
     const MutexLock l_lock(iv_Lock);
-    if (l_late || iv_ShuttingDown || pImpl == nullptr || iv_WatchDogTid != 0)
+    // A shutdown that is under way, or was meanwhile, is the one asked for.
+    const bool l_begun = iv_Shutdown && !l_shutDown;
+    if (l_begun || pImpl == nullptr || iv_WatchDogTid != 0)
     {
         return;
     }
@@ -243,10 +245,11 @@ void Dispatcher::DeferredShutdown(std::uint32_t i_seconds)
     }
 }
 
-bool Dispatcher::isShuttingDown()
+// Whether a shutdown has come to its end.
+bool Dispatcher::isShutDown()
 {
     const MutexLock l_lock(iv_Lock);
-    return iv_ShuttingDown;
+    return iv_Shutdown && !iv_ShuttingDown;
 }
 
 void* Dispatcher::WatchDogThread(void* i_dispatcher)

@@ -132,12 +132,14 @@ class TOLV_EXPORT Dispatcher
     /// Blocks: at least two seconds, one before and one after, and up to
     ///         i_seconds in between. From a callback it always runs into its
     ///         limit, for it waits for its own thread: use DeferredShutdown()
-    ///         there.
+    ///         there. From EVENT_SHUTDOWN it never returns.
     virtual void Shutdown(std::uint32_t i_seconds);
 
     /// Lets a thread of its own call Shutdown(i_seconds). A second call, and
     /// one while a Shutdown() runs, does nothing else than to take its time.
     ///
+    /// Errors: after a Shutdown() that has returned, the thread's one fails an
+    ///         assertion as any second call of it does.
     /// Blocks: one second.
     virtual void DeferredShutdown(std::uint32_t i_seconds);
 
@@ -155,7 +157,7 @@ class TOLV_EXPORT Dispatcher
     void beginShutdown() TOLV_REQUIRES(iv_Lock);
     void waitForShutdown() TOLV_REQUIRES(iv_Lock);
     void runShutdown(std::uint32_t i_seconds) TOLV_EXCLUDES(iv_Lock);
-    bool isShuttingDown() TOLV_EXCLUDES(iv_Lock);
+    bool isShutDown() TOLV_EXCLUDES(iv_Lock);
     void runWatchDog() TOLV_EXCLUDES(iv_Lock);
 
     // Declared order is the object layout: append only.
