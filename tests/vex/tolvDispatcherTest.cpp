@@ -33,6 +33,7 @@ TOLV_PRIVATE_MEMBER(ShutdownFlag, Dispatcher, bool, iv_Shutdown);
 TOLV_PRIVATE_MEMBER(WatchDogTimeOut, Dispatcher, std::uint32_t,
                     iv_WatchDogTimeOut);
 TOLV_PRIVATE_MEMBER(WatchDogTid, Dispatcher, pthread_t, iv_WatchDogTid);
+TOLV_PRIVATE_MEMBER(WatchDogDone, Dispatcher, bool, iv_WatchDogDone);
 TOLV_PRIVATE_MEMBER(Processing, Dispatcher, std::uint32_t, iv_Processing);
 TOLV_PRIVATE_MEMBER(Changed, Dispatcher, Condition, iv_Changed);
 TOLV_PRIVATE_MEMBER(Waiters, Condition, std::atomic<unsigned int>, iv_Waiters);
@@ -54,9 +55,11 @@ constexpr ACTION REMOVE = EventHandler::ACTION_REMOVE;
 std::mutex g_lock;
 std::vector<unsigned int> g_limits;
 
-// Threads that start, and whether they fail to.
+// Threads that start, whether they fail to, and what the last one was to be
+// started with.
 std::atomic<int> g_threads(0);
 std::atomic<bool> g_failThreads(false);
+std::atomic<const pthread_attr_t*> g_attributes(nullptr);
 
 // Whether waits with a limit have reached it as soon as they begin.
 std::atomic<bool> g_impatient(false);
@@ -160,6 +163,7 @@ extern "C"
                               void* (*i_routine)(void*), void* io_argument)
     {
         ++g_threads;
+        g_attributes = i_attr;
         return g_failThreads ? EAGAIN
                              : __real_pthread_create(o_thread, i_attr,
                                                      i_routine, io_argument);
@@ -351,6 +355,22 @@ TEST_F(DispatcherTest, ShutdownSleepsBeforeAndAfter)
     }
 }
 
+TEST_F(DispatcherTest, ShutdownsTakePlaceOneAfterTheOther)
+{
+    fakeSleep::hold();
+    Dispatcher l_dispatcher(false);
+    std::thread l_first([&] { l_dispatcher.Shutdown(1); });
+    EXPECT_TRUE(fakeSleep::waitForBegun(1));
+    std::thread l_second([&] { l_dispatcher.Shutdown(1); });
+    EXPECT_TRUE(waitForWaiters(l_dispatcher, 1));
+    EXPECT_EQ(1U, fakeSleep::begun().size());
+    fakeSleep::letGo();
+    l_first.join();
+    EXPECT_TRUE(fakeSleep::waitForBegun(2));
+    fakeSleep::letGo();
+    l_second.join();
+}
+
 TEST_F(DispatcherTest, AnInterruptedSleepGoesOnForTheRest)
 {
     Dispatcher l_dispatcher(false);
@@ -469,6 +489,12 @@ TEST_F(DispatcherTest, LateStopIsWrittenToTheErrorLog)
         l_gate.pass();
         return CONTINUE;
     };
+    std::size_t l_callsBefore = 0;
+    l_handler.iv_OnShutdown = [&]
+    {
+        l_callsBefore = fakePlatform::calls().size();
+        return CONTINUE;
+    };
     l_dispatcher.Register(l_pair.near(), l_handler, 0);
     l_pair.send();
     ASSERT_TRUE(l_gate.waitForArrived(1));
@@ -477,6 +503,7 @@ TEST_F(DispatcherTest, LateStopIsWrittenToTheErrorLog)
 
     const std::vector<fakePlatform::Call> l_calls = fakePlatform::calls();
     ASSERT_EQ(4U, l_calls.size());
+    EXPECT_EQ(4U, l_callsBefore); // the teardown comes afterwards
     EXPECT_STREQ("ErrorLogEntry", l_calls[0].service);
     const unsigned int VALUES[] = {0x4400, 0,      1,      0xB1, 0,
                                    0x17,   0x43FF, 0x4424, 110,  0,
@@ -676,26 +703,57 @@ TEST_F(DispatcherTest, DestructorWithoutAShutdownShutsDownWithItsOwnLimit)
 
 TEST_F(DispatcherTest, DestructorWaitsForCallersOfProcessEvents)
 {
-    Gate l_exit;
-    g_exit = &l_exit;
-    std::atomic<bool> l_destroyed(false);
-    std::unique_ptr<Dispatcher> l_owner(new Dispatcher(1, 2, false));
-    Dispatcher& l_dispatcher = *l_owner;
-    std::thread l_caller([&] { l_dispatcher.ProcessEvents(); });
-    EXPECT_TRUE(
-        waitFor([&] { return valueOf(l_dispatcher, Processing()) == 1; }));
-    std::thread l_destructor(
-        [&]
+    for (const bool l_deferred : {false, true})
+    {
+        Gate l_exit;
+        g_exit = &l_exit;
+        std::atomic<bool> l_destroyed(false);
+        std::unique_ptr<MTDispatcher> l_engine;
+        std::unique_ptr<Dispatcher> l_owner(new Dispatcher(1, 2, false));
+        Dispatcher& l_dispatcher = *l_owner;
+        std::thread l_caller([&] { l_dispatcher.ProcessEvents(); });
+        EXPECT_TRUE(
+            waitFor([&] { return valueOf(l_dispatcher, Processing()) == 1; }));
+        if (l_deferred)
         {
-            l_owner.reset();
-            l_destroyed = true;
-        });
-    EXPECT_TRUE(l_exit.waitForArrived(1));
-    EXPECT_TRUE(waitForWaiters(l_dispatcher, 1));
-    EXPECT_FALSE(l_destroyed);
-    l_exit.open();
-    l_caller.join();
-    l_destructor.join();
+            l_engine.reset(&engineOf(l_dispatcher));
+            l_dispatcher.DeferredShutdown(20);
+            EXPECT_TRUE(
+                waitFor([&] { return valueOf(l_dispatcher, WatchDogDone()); }));
+        }
+        std::thread l_destructor(
+            [&]
+            {
+                l_owner.reset();
+                l_destroyed = true;
+            });
+        EXPECT_TRUE(l_exit.waitForArrived(1));
+        EXPECT_TRUE(waitForWaiters(l_dispatcher, 1));
+        EXPECT_FALSE(l_destroyed);
+        l_exit.open();
+        l_caller.join();
+        l_destructor.join();
+        g_exit = nullptr;
+    }
+}
+
+TEST_F(DispatcherTest, DeferredShutdownDuringTheDestructorOnlySleeps)
+{
+    const SocketPair l_pair;
+    CountingHandler l_handler;
+    std::unique_ptr<Dispatcher> l_owner(new Dispatcher(1, 1, false));
+    Dispatcher& l_dispatcher = *l_owner;
+    l_handler.iv_OnShutdown = [&]
+    {
+        l_dispatcher.DeferredShutdown(5);
+        return CONTINUE;
+    };
+    l_dispatcher.Register(l_pair.near(), l_handler, 0);
+    const int l_threads = g_threads;
+    l_owner.reset();
+    EXPECT_EQ(1, l_handler.iv_Shutdowns);
+    EXPECT_EQ(3U, fakeSleep::begun().size());
+    EXPECT_EQ(l_threads, g_threads);
 }
 
 TEST_F(DispatcherTest, DeferredShutdownTakesASecondAndLeavesTheRestToItsThread)
@@ -717,6 +775,7 @@ TEST_F(DispatcherTest, DeferredShutdownTakesASecondAndLeavesTheRestToItsThread)
     // The watchdog sleeps now as any shutdown does.
     EXPECT_EQ(5U, valueOf(l_dispatcher, WatchDogTimeOut()));
     EXPECT_EQ(l_threads + 1, g_threads);
+    EXPECT_EQ(nullptr, g_attributes.load());
     EXPECT_TRUE(fakeSleep::waitForBegun(2));
     EXPECT_TRUE(valueOf(l_dispatcher, ShutdownFlag()));
     EXPECT_EQ(0, l_handler.iv_Shutdowns);
@@ -1027,6 +1086,38 @@ TEST(DispatcherDeathTest, WatchdogThatCannotBeStartedFailsItsAssertion)
         l_defer(), "tolv/vex/tolvDispatcher", 220,
         "virtual void tolv::Dispatcher::DeferredShutdown(uint32_t)",
         "0 == pthread_create( &iv_WatchDogTid, 0, WatchDogThread, this )");
+}
+
+TEST(DispatcherDeathTest, ShutdownAfterADeferredOneFailsItsAssertion)
+{
+    const auto l_shutDown = []
+    {
+        fakeSleep::skip();
+        Dispatcher l_dispatcher(1, 1, false);
+        l_dispatcher.DeferredShutdown(20);
+        l_dispatcher.Shutdown(20); // whichever of the two is the second
+        waitFor([] { return false; });
+        _exit(0);
+    };
+    EXPECT_ASSERTION(l_shutDown(), "tolv/vex/tolvDispatcherImpl", 560,
+                     "void tolv::MTDispatcher::Interrupt()",
+                     "l_urc == sizeof(tmp)");
+}
+
+TEST(DispatcherDeathTest, DeferredShutdownAfterAShutdownFailsItsAssertion)
+{
+    const auto l_defer = []
+    {
+        fakeSleep::skip();
+        Dispatcher l_dispatcher(1, 1, false);
+        l_dispatcher.Shutdown(20);
+        l_dispatcher.DeferredShutdown(20);
+        waitFor([] { return false; });
+        _exit(0);
+    };
+    EXPECT_ASSERTION(l_defer(), "tolv/vex/tolvDispatcherImpl", 560,
+                     "void tolv::MTDispatcher::Interrupt()",
+                     "l_urc == sizeof(tmp)");
 }
 
 namespace

@@ -64,6 +64,7 @@ int g_waiting = 0; // threads inside
 int g_mostWaiting = 0;
 int g_begun = 0;
 std::function<int()> g_failure; // 0: the wait goes on, else its errno
+std::function<void(const fd_set&)> g_onReady; // a wait has found so much
 
 // Which of the pool's requests found the registration lock taken.
 Mutex* g_lockOfRequests = nullptr;
@@ -88,6 +89,19 @@ void waitEnds()
 {
     const std::lock_guard<std::mutex> l_lock(g_lock);
     --g_waiting;
+}
+
+void waitFinds(const fd_set& i_ready)
+{
+    std::function<void(const fd_set&)> l_onReady;
+    {
+        const std::lock_guard<std::mutex> l_lock(g_lock);
+        l_onReady = g_onReady;
+    }
+    if (l_onReady)
+    {
+        l_onReady(i_ready);
+    }
 }
 
 int waitsBegun()
@@ -118,6 +132,12 @@ void failWaits(const std::function<int()>& i_failure)
 {
     const std::lock_guard<std::mutex> l_lock(g_lock);
     g_failure = i_failure;
+}
+
+void onReady(const std::function<void(const fd_set&)>& i_onReady)
+{
+    const std::lock_guard<std::mutex> l_lock(g_lock);
+    g_onReady = i_onReady;
 }
 
 bool areWakeUpsDrained(Dispatcher& io_dispatcher)
@@ -229,6 +249,10 @@ extern "C"
                                      io_timeOut);
         }
         waitEnds();
+        if (l_result > 0)
+        {
+            waitFinds(*io_read);
+        }
         errno = l_errno == 0 ? errno : l_errno;
         return l_result;
     }
@@ -671,6 +695,32 @@ TEST_F(DispatcherThreadsTest, NextThreadIsAskedForUnderTheRegistrationLock)
     ASSERT_TRUE(waitUntilInside(l_dispatcher, l_handler, 0));
     EXPECT_EQ(2, g_requests);
     EXPECT_EQ(2, g_requestsUnderLock);
+}
+
+TEST_F(DispatcherThreadsTest, AThreadWithNothingLeftToServeHandsTheWaitOn)
+{
+    const SocketPair l_pairs[2];
+    CountingHandler l_handlers[2];
+    std::atomic<bool> l_unregistered(false);
+    Dispatcher l_dispatcher(2, 2, false);
+    l_dispatcher.Register(l_pairs[0].near(), l_handlers[0], 0);
+    l_dispatcher.Register(l_pairs[1].near(), l_handlers[1], 0);
+    ASSERT_TRUE(renewWait(l_dispatcher));
+    onReady(
+        [&](const fd_set& i_ready)
+        {
+            if (!l_unregistered && FD_ISSET(l_pairs[0].near(), &i_ready))
+            {
+                l_dispatcher.Unregister(l_pairs[0].near());
+                l_unregistered = true;
+            }
+        });
+    l_pairs[0].send();
+    ASSERT_TRUE(waitFor([&] { return l_unregistered.load(); }));
+    l_pairs[1].send();
+    EXPECT_TRUE(waitFor([&] { return l_handlers[1].iv_Reads == 1; }));
+    EXPECT_EQ(0, l_handlers[0].iv_Reads);
+    onReady(nullptr);
 }
 
 TEST_F(DispatcherThreadsTest, OnlyOneThreadWaitsAtATime)
