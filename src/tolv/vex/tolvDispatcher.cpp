@@ -176,6 +176,11 @@ void Dispatcher::EnableCallback(Timer_t i_timer)
     pImpl->EnableCallback(i_timer);
 }
 
+// Deliberate: that the engine has been torn down is not looked at.
+// Effect: a second shutdown, the destructor's after a direct one too, ends the
+// process: the engine's wake-up byte finds no socket.
+// Pinned by: DispatcherDeathTest.SecondShutdownFailsItsAssertion,
+// DispatcherDeathTest.DestructorAfterAShutdownFailsItsAssertion
 void Dispatcher::Shutdown(std::uint32_t i_seconds)
 {
     {

@@ -159,8 +159,7 @@ namespace tolv
 {
 
 // Holds the file's lock, has written the header, flushes at its end, and leaves
-// errno as it was. With
-// no stream it does nothing and its user writes nothing.
+// errno as it was. With no stream it does nothing and its user writes nothing.
 //
 // Deliberate: the microseconds have blanks behind, not zeros in front.
 // Effect: 50 microseconds after the first second read "1.50".
