@@ -14,11 +14,14 @@ CHECK_POINT = re.compile(r"([0-9A-F]{8}), (\d+)\.(\d{6}), ")
 
 # The picture, in its own units.
 WIDTH = 960
-LEFT = 120
+LEFT = 32
 RIGHT = 40
-TOP = 56
-LANE = 64
+TOP = 64
+BAR = 20        # height of the steps
+TEXT_LINE = 18  # from one line of text to the next
+LANE_GAP = 18   # between two profiles
 BOTTOM = 48
+LINE_LIMIT = 115  # characters between LEFT and RIGHT, wide ones too
 COLOURS = ("#4c78a8", "#f58518", "#54a24b", "#b279a2", "#e45756", "#72b7b2")
 
 
@@ -87,7 +90,7 @@ def axis(span, scale, bottom):
     for micros in range(0, span + 1, step):
         x = LEFT + micros * scale
         parts.append('<path d="M%.1f %d V%d" stroke="#ddd"/>'
-                     % (x, TOP - 12, bottom))
+                     % (x, TOP - TEXT_LINE, bottom))
         parts.append(text(x, bottom + 16, str(micros),
                           ' text-anchor="middle" fill="#555"'))
     parts.append(text(LEFT, bottom + 34, "microseconds since the first "
@@ -95,26 +98,47 @@ def axis(span, scale, bottom):
     return parts
 
 
+def colour_of(at):
+    """The colour of the step that leads to a checkpoint."""
+    return COLOURS[(at - 1) % len(COLOURS)]
+
+
+def legend(points, names):
+    """What the steps led to and how long they took, as lines of markup."""
+    told = name_of(points, 0, names)
+    lines, length = [escape(told)], len(told)
+    for at in range(1, len(points)):
+        told = "%d us to %s" % (points[at][1] - points[at - 1][1],
+                                name_of(points, at, names))
+        length += len(told) + 3
+        if length > LINE_LIMIT:
+            lines.append("")
+            length = len(told) + 3
+        lines[-1] += ('%s<tspan fill="%s">\u25a0</tspan> %s'
+                      % (" " if lines[-1] else "", colour_of(at),
+                         escape(told)))
+    return lines
+
+
 def lane(title, points, top, scale, names):
-    """One profile: a bar with a step between each two checkpoints, and below
-    it what the steps led to and how long they took."""
+    """One profile: its title, a bar with a step between each two checkpoints,
+    and the steps' legend. With the markup comes where the next lane begins."""
     first = points[0][1]
-    parts = [text(LEFT - 12, top + 15, escape(title),
-                  ' text-anchor="end" font-weight="bold"')]
-    told = escape(name_of(points, 0, names))
+    parts = [text(LEFT, top, escape(title), ' font-weight="bold"')]
+    bar = top + 8
     for at in range(1, len(points)):
         begin, end = points[at - 1][1] - first, points[at][1] - first
-        colour = COLOURS[(at - 1) % len(COLOURS)]
-        name = escape(name_of(points, at, names))
         parts.append(
-            '<rect x="%.1f" y="%d" width="%.1f" height="20" fill="%s">'
+            '<rect x="%.1f" y="%d" width="%.1f" height="%d" fill="%s">'
             '<title>%s: %d us</title></rect>'
-            % (LEFT + begin * scale, top, max((end - begin) * scale, 1.5),
-               colour, name, end - begin))
-        told += (' <tspan fill="%s">\u25a0</tspan> %d us to %s'
-                 % (colour, end - begin, name))
-    parts.append(text(LEFT, top + 36, told, ' fill="#333"'))
-    return parts
+            % (LEFT + begin * scale, bar, max((end - begin) * scale, 1.5),
+               BAR, colour_of(at), escape(name_of(points, at, names)),
+               end - begin))
+    below = bar + BAR
+    for line in legend(points, names):
+        below += TEXT_LINE
+        parts.append(text(LEFT, below - 2, line, ' fill="#333"'))
+    return parts, below + LANE_GAP + TEXT_LINE
 
 
 def draw(rows, names):
@@ -126,10 +150,12 @@ def draw(rows, names):
                                "with different clocks took part" % title)
     span = max(points[-1][1] - points[0][1] for _, points in rows) or 1
     scale = (WIDTH - LEFT - RIGHT) / span
-    bottom = TOP + LANE * len(rows)
-    parts = axis(span, scale, bottom)
-    for number, (title, points) in enumerate(rows):
-        parts += lane(title, points, TOP + LANE * number, scale, names)
+    lanes = []
+    top = TOP
+    for title, points in rows:
+        parts, top = lane(title, points, top, scale, names)
+        lanes += parts
+    bottom = top - TEXT_LINE
     return "\n".join([
         '<svg xmlns="http://www.w3.org/2000/svg" width="%d" height="%d" '
         'font-family="sans-serif" font-size="12">'
@@ -137,7 +163,7 @@ def draw(rows, names):
         '<rect width="100%" height="100%" fill="white"/>',
         text(LEFT, 26, "The journey of a message",
              ' font-size="16" font-weight="bold"'),
-        *parts, "</svg>", ""])
+        *axis(span, scale, bottom), *lanes, "</svg>", ""])
 
 
 def named(argument):

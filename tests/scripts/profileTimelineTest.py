@@ -76,6 +76,22 @@ class ProfileTimelineTest(unittest.TestCase):
         steps, _ = self.draw("FFE80000, 1.000000, FFE80000, 1.000000, ")
         self.assertEqual(1, len(steps))
 
+    def test_everything_stays_in_the_picture(self):
+        """Eighteen steps are told in several lines, none of them too long,
+        and each below the one before."""
+        points = "".join("0E0000%02X, 1.%06d, " % (at, at * at)
+                         for at in range(19))
+        steps, texts = self.draw("\n" + points)
+        self.assertEqual(18, len(steps))
+        told = [line for line in texts if "\u25a0" in line]
+        self.assertLess(1, len(told))
+        self.assertGreaterEqual(130, max(len(line) for line in told))
+        self.assertEqual(["%d us to 0E0000%02X" % (2 * at - 1, at)
+                          for at in range(1, 19)],
+                         [step.strip() for line in told
+                          for step in line.split("\u25a0")[1:]])
+        self.assertLess(max(left + width for left, _, width in steps), 960)
+
     def test_refuses_what_is_no_profile(self):
         """With a sentence, not with a traceback."""
         done = self.run_tool("some text\n")
