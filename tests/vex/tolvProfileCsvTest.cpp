@@ -31,18 +31,29 @@ namespace
 
 constexpr time_t FIFTH_OF_JANUARY_2026 = 1767603600; // 09:00 UTC
 constexpr const char* STAMP = "FFE80000, 12.000345, ";
+constexpr std::size_t STAMP_SIZE = 21; // as that of every checkpoint then
 
 time_t g_now = FIFTH_OF_JANUARY_2026;
 bool g_noDate = false;
 std::string g_executable = "/usr/sbin/myd"; // empty: the link cannot be read
 std::string g_link;
-int g_csvFlags = -1; // of the descriptor that is closed
+std::atomic<int> g_csvFlags(-1); // of the descriptor that is closed
 
 // The columns of a row up to the date.
 std::string columns(const std::string& i_executable)
 {
     return "\n" + i_executable + ", " + std::to_string(getpid()) + ", " +
            std::to_string(static_cast<int>(pthread_self())) + ", (null), ";
+}
+
+std::string repeated(const std::string& i_text, std::size_t i_count)
+{
+    std::string l_texts;
+    for (std::size_t l_done = 0; l_done != i_count; ++l_done)
+    {
+        l_texts += i_text;
+    }
+    return l_texts;
 }
 
 class ProfilerCsvTest : public testing::Test
@@ -238,6 +249,13 @@ TEST_F(ProfilerCsvTest, EndClearsTheNameOfAnEarlierRow)
     EXPECT_NE(std::string::npos, row().find(", (null), "));
 }
 
+TEST_F(ProfilerCsvTest, RowHasTheNameThatIsSet)
+{
+    g_ProfileName = "journey";
+    EXPECT_FALSE(Profiler().udpProfBroadcast());
+    EXPECT_NE(std::string::npos, content().find(", journey, 2026 1 5, A, "));
+}
+
 TEST_F(ProfilerCsvTest, NoStreamWritesNothing)
 {
     Profiler().WriteToCsv(nullptr);
@@ -292,6 +310,49 @@ TEST_F(ProfilerCsvTest, RowWaitsForTheLock)
     g_ProfileLock.Unlock();
     l_other.join();
     EXPECT_TRUE(l_written);
+}
+
+// A row of 21,000 characters leaves a stream's buffer in several parts.
+TEST_F(ProfilerCsvTest, LongRowsOfSeveralThreadsDoNotInterleave)
+{
+    constexpr unsigned short THREADS = 4;
+    constexpr int ROWS = 20;
+    constexpr std::size_t POINTS = 1000;
+    fakePlatformFile::g_Content = "\x01\x02\x03";
+    std::vector<std::thread> l_threads;
+    for (unsigned short l_thread = 0; l_thread != THREADS; ++l_thread)
+    {
+        l_threads.emplace_back(
+            [l_thread]
+            {
+                Profiler l_profile;
+                while (l_profile.getCheckPoints().size() != POINTS)
+                {
+                    l_profile.addCheckPoint(l_thread, 0);
+                }
+                for (int l_row = 0; l_row != ROWS; ++l_row)
+                {
+                    EXPECT_FALSE(l_profile.udpProfBroadcast());
+                }
+            });
+    }
+    for (std::thread& l_thread : l_threads)
+    {
+        l_thread.join();
+    }
+    std::ifstream l_file(iv_Path);
+    std::string l_row;
+    std::getline(l_file, l_row); // the empty one before the first row
+    int l_whole = 0;
+    while (std::getline(l_file, l_row))
+    {
+        // Behind the head of one thread come the checkpoints of the same.
+        const std::string l_points = l_row.substr(l_row.find(" 102300,") + 8);
+        const std::string l_first = l_points.substr(0, STAMP_SIZE);
+        EXPECT_TRUE(l_points == repeated(l_first, POINTS)) << l_whole;
+        ++l_whole;
+    }
+    EXPECT_EQ(THREADS * ROWS, l_whole);
 }
 
 TEST(ProfilerCsvDeathTest, LockThatIsHeldDoesNotDisturbTheExit)

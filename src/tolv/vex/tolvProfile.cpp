@@ -331,6 +331,8 @@ void Profiler::WriteToCsv(FILE* o_stream)
                 static_cast<int>(l_point.time.getSeconds()),
                 static_cast<int>(l_point.time.getMicroSeconds()));
     }
+    // Under the lock: fclose() would write the rest of a long row without it.
+    fflush(o_stream);
 }
 
 pError_t Profiler::ReadFromChannel(Channel& io_channel)

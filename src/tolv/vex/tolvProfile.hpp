@@ -102,7 +102,8 @@ class TOLV_EXPORT Profiler
     pError_t udpProfBroadcast();
 
     /// Writes one row: a newline, who and when, then each checkpoint as
-    /// "ID, SECONDS.MICROSECONDS, ". Null writes nothing.
+    /// "ID, SECONDS.MICROSECONDS, ", and flushes the stream. Null writes
+    /// nothing. docs/diagnostics.md describes the columns.
     ///
     /// Errors: a failure to read the platform's progress code is put into the
     ///         platform's error log; only the checkpoints are written then.
