@@ -182,6 +182,7 @@ class Address:
     """Where a message goes to or comes from."""
 
     def __init__(self, text):
+        self.text = text
         kind, _, rest = text.partition(":")
         if kind == "unix" and rest:
             self.family, self.type, self.place = (
@@ -196,6 +197,9 @@ class Address:
                      else socket.SOCK_DGRAM)
         self.family = None
         self.place = (found[1] or found[2], int(found[3]))
+
+    def __str__(self):
+        return self.text
 
     def is_datagram(self):
         """Whether a message is one datagram."""
@@ -393,6 +397,13 @@ def number(bits):
     return convert
 
 
+def count(text):
+    """The type of an argument: how often, at least once."""
+    if not re.fullmatch("0*[1-9][0-9]*", text):
+        raise argparse.ArgumentTypeError("'%s' is not 1 or more" % text)
+    return int(text)
+
+
 def check_point(text):
     """The type of an argument: ID@SECONDS.MICROSECONDS."""
     found = re.fullmatch(
@@ -439,7 +450,7 @@ def add_message(parser):
 def add_network(parser, count_help):
     """The arguments of a command that uses the network."""
     parser.add_argument("address", type=Address, metavar="ADDRESS")
-    parser.add_argument("--count", type=int, default=1, metavar="N",
+    parser.add_argument("--count", type=count, default=1, metavar="N",
                         help=count_help)
     parser.add_argument("--time-out", type=seconds, metavar="SECONDS",
                         help="give up when nothing moves for so long")
@@ -495,8 +506,9 @@ def main(arguments):
     except socket.timeout:
         return fail("nothing came within %g seconds" % parsed.time_out)
     except OSError as error:
-        where = "%s: " % error.filename if error.filename else ""
-        return fail("%s%s" % (where, error.strerror or error))
+        where = error.filename or getattr(parsed, "address", "")
+        return fail("%s: %s" % (where, error.strerror or error) if where
+                    else error.strerror or error)
     except WireError as error:
         return fail(error)
     except KeyboardInterrupt:

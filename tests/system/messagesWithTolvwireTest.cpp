@@ -461,6 +461,7 @@ TEST_F(TolvwireTest, WrongCallsAreToldWithTheUsage)
 {
     for (const char* l_call :
          {"", "send", "send nowhere", "send tcp:127.0.0.1:65536",
+          "recv udp:127.0.0.1:0 --count 0", "recv udp:127.0.0.1:0 --count -1",
           "encode --id 4294967296", "encode --type -1", "encode --aux x",
           "encode --checkpoint 1@2.1234567", "recv unix:", "decode",
           "send udp:127.0.0.1:1 --time-out -1",
@@ -484,7 +485,8 @@ TEST_F(TolvwireTest, NetworkFailuresAreTold)
     LocalAddress l_address = {};
     close(openServer(Transport::UNIX, iv_Path, l_address));
     Tool l_refused("send unix:" + iv_Path);
-    EXPECT_EQ("tolvwire.py: Connection refused\n", l_refused.rest());
+    EXPECT_EQ("tolvwire.py: unix:" + iv_Path + ": Connection refused\n",
+              l_refused.rest());
     EXPECT_EQ(1, l_refused.status());
 
     Tool l_noName("send tcp:a..b:1");
