@@ -1,5 +1,5 @@
-// What an event costs when one of many descriptors is busy, and a tick when
-// there are many timers.
+// What an event costs when one of many descriptors is busy, who is served when
+// all of them are, and what a tick costs when there are many timers.
 #include "tolv/vex/tolvDispatcher.hpp"
 
 #include <benchmark/benchmark.h>
@@ -12,9 +12,11 @@
 #include <ctime>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 namespace
@@ -318,6 +320,122 @@ void eventThreads(benchmark::State& io_state)
     serveEvents(io_state, Rig::instance().threads());
 }
 
+// What the handlers of one measurement count together.
+struct Tally
+{
+    std::atomic<bool> iv_Counts{false};
+    std::atomic<bool> iv_Ends{false};
+    std::atomic<std::int64_t> iv_Events{0};
+    std::atomic<std::int64_t> iv_Live{0}; // handlers
+};
+
+// Its descriptor is always readable. Destroyed by the dispatcher at the end.
+class ReadyHandler : public tolv::EventHandler
+{
+  public:
+    ReadyHandler(tolv::Dispatcher& io_dispatcher, Tally& io_tally,
+                 std::atomic<std::int64_t>& io_calls,
+                 std::chrono::microseconds i_callback) :
+        EventHandler(io_dispatcher),
+        iv_Tally(io_tally), iv_Calls(io_calls), iv_Callback(i_callback)
+    {
+        ++iv_Tally.iv_Live;
+    }
+
+    ~ReadyHandler() override
+    {
+        --iv_Tally.iv_Live;
+    }
+
+    ReadyHandler(const ReadyHandler&) = delete;
+    ReadyHandler& operator=(const ReadyHandler&) = delete;
+
+    void Dump(FILE* /*o_stream*/) override {}
+
+    ACTION HandleEvent(tolv::OS_HANDLE /*i_handle*/, EVENT /*i_event*/) override
+    {
+        if (iv_Tally.iv_Ends)
+        {
+            return ACTION_REMOVE;
+        }
+        if (iv_Callback.count() != 0)
+        {
+            std::this_thread::sleep_for(iv_Callback); // as for a disk
+        }
+        if (iv_Tally.iv_Counts)
+        {
+            ++iv_Calls;
+            ++iv_Tally.iv_Events;
+        }
+        return ACTION_CONTINUE;
+    }
+
+  private:
+    Tally& iv_Tally;
+    std::atomic<std::int64_t>& iv_Calls;
+    const std::chrono::microseconds iv_Callback;
+};
+
+// Waits for what other threads do, without taking much of their time.
+template <class CONDITION>
+void await(CONDITION i_condition)
+{
+    while (!i_condition())
+    {
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+}
+
+// Who is served while range(0) descriptors are ready all the time and each
+// callback waits range(1) microseconds.
+void serveReady(benchmark::State& io_state, tolv::Dispatcher& io_dispatcher)
+{
+    Rig& l_rig = Rig::instance();
+    const auto l_count = static_cast<std::size_t>(io_state.range(0));
+    std::vector<std::atomic<std::int64_t>> l_calls(l_count);
+    Tally l_tally;
+    for (std::size_t l_index = 0; l_index != l_count; ++l_index)
+    {
+        const Event& l_event = l_rig.event(static_cast<std::int64_t>(l_index));
+        l_event.start();
+        io_dispatcher.Register(
+            l_event.handle(),
+            *new ReadyHandler(io_dispatcher, l_tally, l_calls[l_index],
+                              std::chrono::microseconds(io_state.range(1))),
+            tolv::EventHandler::EVENT_READ);
+    }
+    l_tally.iv_Counts = true;
+    std::int64_t l_target = 0;
+    while (io_state.KeepRunningBatch(CHUNK))
+    {
+        l_target += CHUNK;
+        await([&] { return l_tally.iv_Events >= l_target; });
+    }
+    l_tally.iv_Counts = false;
+    std::int64_t l_served = 0;
+    for (const std::atomic<std::int64_t>& l_own : l_calls)
+    {
+        l_served += l_own != 0 ? 1 : 0;
+    }
+    io_state.counters["served"] = static_cast<double>(l_served);
+    l_tally.iv_Ends = true;
+    await([&] { return l_tally.iv_Live == 0; });
+    for (std::size_t l_index = 0; l_index != l_count; ++l_index)
+    {
+        l_rig.event(static_cast<std::int64_t>(l_index)).stop();
+    }
+}
+
+void ready(benchmark::State& io_state)
+{
+    serveReady(io_state, Rig::instance().single());
+}
+
+void readyThreads(benchmark::State& io_state)
+{
+    serveReady(io_state, Rig::instance().threads());
+}
+
 double tickChunk(tolv::EventHandler& io_busy, Meter& io_meter)
 {
     tolv::TimeValue l_none;
@@ -348,6 +466,8 @@ void tick(benchmark::State& io_state)
 BENCHMARK(selectAlone)->Arg(1)->Arg(100)->Arg(900);
 BENCHMARK(event)->Arg(1)->Arg(100)->Arg(900)->UseManualTime();
 BENCHMARK(eventThreads)->Arg(1)->Arg(100)->Arg(900)->UseManualTime();
+BENCHMARK(ready)->Args({100, 0})->Args({100, 1000})->UseRealTime();
+BENCHMARK(readyThreads)->Args({100, 0})->Args({100, 1000})->UseRealTime();
 BENCHMARK(tick)->Arg(100)->Arg(10000)->Arg(100000)->UseManualTime();
 
 } // namespace
