@@ -35,10 +35,10 @@ constexpr unsigned int LONGEST_MESSAGE = 16 << 20;   // bytes
 
 std::atomic<unsigned int> g_echoed(0); // messages
 
-void trace(const char* i_what, const std::string& i_more)
+void trace(const std::string& i_text)
 {
-    tolv::TraceFile::getInstance()->Printf(__FILE__, __LINE__, "%s %s", i_what,
-                                           i_more.c_str());
+    tolv::TraceFile::getInstance()->Printf(__FILE__, __LINE__, "%s",
+                                           i_text.c_str());
 }
 
 /// Puts an error into the platform's log; the newest trace goes with it.
@@ -146,7 +146,7 @@ class Caretaker : public tolv::EventHandler
     {
         if (i_event == EVENT_READ)
         {
-            trace("told to stop", "");
+            trace("told to stop");
             // Shutdown() would wait for this very thread.
             iv_Dispatcher.DeferredShutdown(10);
         }
@@ -158,7 +158,7 @@ class Caretaker : public tolv::EventHandler
         const unsigned int l_echoed = g_echoed;
         if (l_echoed != iv_Traced)
         {
-            trace("messages echoed:", std::to_string(l_echoed));
+            trace("messages echoed: " + std::to_string(l_echoed));
             iv_Traced = l_echoed;
         }
         return ACTION_CONTINUE;
@@ -179,7 +179,7 @@ bool open(ACCEPTOR& io_acceptor, const char* i_name, std::string& io_open)
         io_open += std::string(" ") + i_name;
         return true;
     }
-    trace(i_name, l_error->getText());
+    trace(std::string(i_name) + ": " + l_error->getText());
     if (l_error->getReason() == NO_SUCH_SOCKET ||
         l_error->getErrno() == EADDRNOTAVAIL)
     {
@@ -236,14 +236,14 @@ bool serve(tolv::App& io_app, const std::string& i_folder,
         open(l_udp, "udp", l_open) && open(l_udp6, "udp6", l_open) &&
         open(l_unix, "unix", l_open) && open(l_sctp, "sctp", l_open) &&
         writeReady(l_ready, l_open);
-    trace(l_good ? "serving" : "cannot serve; open:", l_open);
+    trace((l_good ? "serving" : "cannot serve; open:") + l_open);
     if (!l_good)
     {
         l_dispatcher.DeferredShutdown(10); // Run() returns when it is done
     }
     io_app.Run(l_dispatcher);
     std::remove(l_ready.c_str());
-    trace("stopped after messages:", std::to_string(g_echoed));
+    trace("stopped after messages: " + std::to_string(g_echoed));
     return l_good;
 }
 
