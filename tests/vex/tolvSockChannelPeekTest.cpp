@@ -101,7 +101,7 @@ TEST_F(SockChannelPeekTest, PeekThatBringsNothingNewRests)
     EXPECT_EQ(10000, l_rest.limit.tv_usec);
 }
 
-TEST_F(SockChannelPeekTest, ShortTimedPeekOverTcpWaitsForTheWholeCount)
+TEST_F(SockChannelPeekTest, OnlyTheWaitOfATimedPeekIsForTheWholeCount)
 {
     openTimed(SOCK_TYPE_TCP);
     answerReady();
@@ -109,20 +109,20 @@ TEST_F(SockChannelPeekTest, ShortTimedPeekOverTcpWaitsForTheWholeCount)
     answer("getsockopt", {0, 0, bytesOf(1)}); // the old mark
     answer("setsockopt", {0});
     answerReady();
+    answer("setsockopt", {0});
     answer("poll", {0});
     answer("recvfrom", received("0123456789abcdef"));
-    answer("setsockopt", {0});
     EXPECT_FALSE(peek(16));
     EXPECT_EQ(16U, iv_Count);
     EXPECT_EQ("0123456789abcdef", buffer(16));
     ASSERT_EQ("select getsockopt recvfrom getsockopt setsockopt select "
-              "getsockopt poll recvfrom setsockopt",
+              "getsockopt setsockopt poll recvfrom",
               fakeSockets::sequence());
     const auto l_calls = calls();
     expectOption(l_calls[3], "getsockopt", SO_RCVLOWAT, "");
     expectOption(l_calls[4], "setsockopt", SO_RCVLOWAT, bytesOf(16));
-    expectReceiving(l_calls[8], "recvfrom", 0, 16, 0x4002);
-    expectOption(l_calls[9], "setsockopt", SO_RCVLOWAT, bytesOf(1));
+    expectOption(l_calls[7], "setsockopt", SO_RCVLOWAT, bytesOf(1));
+    expectReceiving(l_calls[9], "recvfrom", 0, 16, 0x4002);
 }
 
 TEST_F(SockChannelPeekTest, TimeOutOfAPeekPutsTheMarkBackAndKeepsErrno)
@@ -151,9 +151,9 @@ TEST_F(SockChannelPeekTest, TimedPeekThatCannotBeToldOfMoreEndsInTime)
     answer("getsockopt", {0, 0, bytesOf(1)});
     answer("setsockopt", {0});
     answerReady();
+    answer("setsockopt", {0});
     answer("poll", {0});
     answer("recvfrom", received("0123456789"));
-    answer("setsockopt", {0});
     EXPECT_FALSE(peek(16));
     EXPECT_EQ(10U, iv_Count);
     EXPECT_TRUE(iv_Channel->isTimedOut());
@@ -167,13 +167,16 @@ TEST_F(SockChannelPeekTest, TimedPeekRestsNoLongerThanItsTimeOut)
     answer("getsockopt", {0, 0, bytesOf(1)});
     answer("setsockopt", {0});
     answerReady();
+    answer("setsockopt", {0});
     answer("poll", {0});
     answer("recvfrom", received("0123456789"));
     answer("select", {0}); // the rest
+    answer("getsockopt", {0, 0, bytesOf(1)});
+    answer("setsockopt", {0});
     answerReady();
+    answer("setsockopt", {0});
     answer("poll", {0});
     answer("recvfrom", received("0123456789abcdef"));
-    answer("setsockopt", {0});
     EXPECT_FALSE(peek(16));
     EXPECT_EQ(16U, iv_Count);
     const auto l_waits = callsOf("select");
@@ -275,17 +278,16 @@ TEST_F(SockChannelPeekTest, ShortTimedPeekOverUnixWaitsWithWhatIsLeft)
     answer("setsockopt", {0});
     answer("getsockopt", {0, 0, bytesOf(l_none)});
     answer("setsockopt", {0});
-    answer("recv", failed(EAGAIN));
+    answer("recv", received("a"));
     answer("setsockopt", {0});
     answer("setsockopt", {0});
-    errno = 0;
+    answer("recv", received("0123456789abcdef"));
     EXPECT_FALSE(peek(16));
-    EXPECT_EQ(ETIMEDOUT, errno);
-    EXPECT_EQ(10U, iv_Count);
-    EXPECT_TRUE(iv_Channel->isTimedOut());
-    EXPECT_EQ(TimeValue(), iv_Channel->getTimeOut());
+    EXPECT_EQ(16U, iv_Count);
+    EXPECT_FALSE(iv_Channel->isTimedOut());
     ASSERT_EQ("select getsockopt recv select getsockopt poll getsockopt "
-              "setsockopt getsockopt setsockopt recv setsockopt setsockopt",
+              "setsockopt getsockopt setsockopt recv setsockopt setsockopt "
+              "recv",
               fakeSockets::sequence());
     const auto l_options = callsOf("setsockopt");
     const timeval l_limit = {7, 5};
@@ -295,6 +297,53 @@ TEST_F(SockChannelPeekTest, ShortTimedPeekOverUnixWaitsWithWhatIsLeft)
     expectOption(l_options[3], "setsockopt", SO_PEEK_OFF, bytesOf(-1));
 }
 
+TEST_F(SockChannelPeekTest, TimedPeekOverUnixThatIsToldTooSoonGoesOn)
+{
+    openTimed(SOCK_TYPE_UNIX);
+    const timeval l_none = {};
+    answerReady();
+    answer("recv", received("0123456789"));
+    answerReady();
+    answer("poll", {0});
+    answer("getsockopt", {0, 0, bytesOf(-1)});
+    answer("setsockopt", {0});
+    answer("getsockopt", {0, 0, bytesOf(l_none)});
+    answer("setsockopt", {0});
+    answer("recv", failed(EAGAIN)); // the socket does not block
+    answer("setsockopt", {0});
+    answer("setsockopt", {0});
+    answer("recv", received("0123456789"));
+    answer("select", {0}); // the rest
+    answerReady();
+    answer("poll", {1});
+    answer("recv", received("0123456789abcdef"));
+    EXPECT_FALSE(peek(16));
+    EXPECT_EQ(16U, iv_Count);
+    EXPECT_FALSE(iv_Channel->isTimedOut());
+    EXPECT_EQ(10000, callsOf("select")[2].limit.tv_usec);
+}
+
+TEST_F(SockChannelPeekTest, TimedPeekOverUnixThatCannotBeLimitedRests)
+{
+    openTimed(SOCK_TYPE_UNIX);
+    answerReady();
+    answer("recv", received("0123456789"));
+    answerReady();
+    answer("poll", {0});
+    answer("getsockopt", {0, 0, bytesOf(-1)});
+    answer("setsockopt", {0});
+    answer("getsockopt", failed(ENOPROTOOPT)); // of SO_RCVTIMEO
+    answer("setsockopt", {0});
+    answer("recv", received("0123456789"));
+    answer("select", {0}); // the rest
+    answerReady();
+    answer("poll", {1});
+    answer("recv", received("0123456789abcdef"));
+    EXPECT_FALSE(peek(16));
+    EXPECT_EQ(16U, iv_Count);
+    EXPECT_EQ(10000, callsOf("select")[2].limit.tv_usec);
+}
+
 TEST_F(SockChannelPeekTest, TimedPeekOverUnixDoesNotWaitWhenNothingIsLeft)
 {
     open(SOCK_TYPE_UNIX).setTimeOut(TimeValue());
@@ -302,9 +351,16 @@ TEST_F(SockChannelPeekTest, TimedPeekOverUnixDoesNotWaitWhenNothingIsLeft)
     answer("recv", received("0123456789"));
     answerReady();
     answer("poll", {0});
+    answer("recv", received("0123456789ab"));
+    answerReady();
+    answer("poll", {0});
+    answer("recv", received("0123456789ab"));
+    errno = 0;
     EXPECT_FALSE(peek(16));
-    EXPECT_EQ(10U, iv_Count);
+    EXPECT_EQ(ETIMEDOUT, errno);
+    EXPECT_EQ(12U, iv_Count);
     EXPECT_TRUE(iv_Channel->isTimedOut());
+    EXPECT_EQ(TimeValue(), iv_Channel->getTimeOut());
 }
 
 TEST_F(SockChannelPeekTest, ShortPeekOfADatagramGoesOnAsARead)

@@ -6,6 +6,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 
 #include <gtest/gtest.h>
@@ -192,6 +193,17 @@ in_port_t portOf(const PeerSocket& i_socket)
     return l_address.sin_port;
 }
 
+// Writes until the peer of the socket can take no more.
+void fill(const PeerSocket& i_socket)
+{
+    EXPECT_EQ(0, fcntl(i_socket.handle(), F_SETFL, O_NONBLOCK));
+    const std::string l_part(5000, 'x');
+    while (::write(i_socket.handle(), l_part.data(), l_part.size()) > 0)
+    {
+    }
+    EXPECT_EQ(EAGAIN, errno);
+}
+
 void doNothing(int) {}
 
 } // namespace
@@ -244,6 +256,36 @@ TEST(SockChannelTest, SlowPeerIsPeekedAtOnce)
             EXPECT_GE(30U, receivings());
             EXPECT_FALSE(l_connection.take(READ, 32));
             EXPECT_EQ(WHOLE, l_connection.bytes());
+        });
+}
+
+TEST(SockChannelTest, TimeOutAppliesToSocketsThatDoNotBlock)
+{
+    onEachStream(
+        [](SockType i_type, Waiting)
+        {
+            for (const Taking l_how : {READ, PEEK})
+            {
+                Connection l_connection(i_type, WITH_TIME_OUT);
+                ASSERT_EQ(0, fcntl(l_connection.channel().getHandle(), F_SETFL,
+                                   O_NONBLOCK));
+                l_connection.peer().put(WHOLE.substr(0, 10));
+                // Else the channel waits in select(), where it can.
+                const bool l_looksOften =
+                    i_type == SOCK_TYPE_UNIX && l_how == PEEK;
+                const std::size_t l_looks = l_looksOften ? 2 : 1;
+                std::thread l_peer(
+                    [&]
+                    {
+                        EXPECT_TRUE(
+                            waitFor([&] { return receivings() >= l_looks; }));
+                        l_connection.peer().put(WHOLE.substr(10));
+                    });
+                EXPECT_FALSE(l_connection.take(l_how, 32));
+                l_peer.join();
+                EXPECT_EQ(WHOLE, l_connection.bytes());
+                EXPECT_FALSE(l_connection.channel().isTimedOut());
+            }
         });
 }
 
@@ -353,7 +395,9 @@ TEST(SockChannelTest, TimeOutReportsThePartAndLeavesThePeekedBytes)
                 SockChannel& l_channel = l_connection.channel();
                 l_channel.setTimeOut(SHORT);
                 l_connection.peer().put(WHOLE.substr(0, 10));
+                errno = 0;
                 EXPECT_FALSE(l_connection.take(l_how, 32));
+                EXPECT_EQ(ETIMEDOUT, errno);
                 EXPECT_EQ(WHOLE.substr(0, 10), l_connection.bytes());
                 EXPECT_TRUE(l_channel.isTimedOut());
                 EXPECT_EQ(TimeValue(), l_channel.getTimeOut());
@@ -403,6 +447,32 @@ TEST(SockChannelTest, PeekOfMoreThanTheSocketHoldsEndsInTimeAndRests)
     EXPECT_TRUE(l_channel.isTimedOut());
     EXPECT_LT(0U, l_connection.bytes().size());
     EXPECT_GE(100U, receivings());
+}
+
+// A full socket is ready, however few bytes it has.
+TEST(SockChannelTest, TimedPeekOfMoreThanAFullSocketHoldsEndsInTime)
+{
+    for (const int l_eighths : {9, 10, 11, 12, 13, 14})
+    {
+        Connection l_connection(SOCK_TYPE_TCP, WITH_TIME_OUT);
+        fill(l_connection.peer());
+        int l_held = 0;
+        ASSERT_EQ(0,
+                  ioctl(l_connection.channel().getHandle(), FIONREAD, &l_held));
+        l_connection.channel().setTimeOut(SHORT);
+        std::atomic<bool> l_ended(false);
+        std::thread l_reader(
+            [&]
+            {
+                const int l_more = l_held / 8 * l_eighths;
+                EXPECT_FALSE(
+                    l_connection.take(PEEK, static_cast<unsigned int>(l_more)));
+                l_ended = true;
+            });
+        EXPECT_TRUE(waitFor([&] { return l_ended.load(); }));
+        l_connection.peer().reset(); // ends a peek that waits for ever
+        l_reader.join();
+    }
 }
 
 TEST(SockChannelTest, ReadOfNoBytesOverTcpReadsAsClosed)
@@ -542,11 +612,11 @@ TEST(SockChannelTest, PeerOfAStreamIsTheOneThatWasSet)
         SockChannel l_channel(OS_INVALID, l_type);
         EXPECT_STREQ("", l_channel.getRemoteAddress());
         SockAddr_t l_addr = {};
-        ASSERT_EQ(1, initSockAddrStruct("255.255.255.255", htons(0x1234),
+        ASSERT_EQ(1, initSockAddrStruct("255.255.255.255", htons(0xF1F2),
                                         l_addr, l_type));
         l_channel.setRemoteAddress(l_addr);
         EXPECT_STREQ("255.255.255.255", l_channel.getRemoteAddress());
-        EXPECT_EQ(htons(0x1234), l_channel.getPort());
+        EXPECT_EQ(htons(0xF1F2), l_channel.getPort()); // with no sign
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include "tolv/vex/tolvOneHandle.hpp"
 #include "tolv/vex/tolvReason.hpp"
+#include "tolv/vex/tolvSockOption.hpp"
 #include "tolv/vex/tolvStreamPeek.hpp"
 #include "tolv/vex/tolvTrace.hpp"
 
@@ -13,6 +14,7 @@
 #include <ctime>
 
 #include <algorithm>
+#include <optional>
 
 namespace
 {
@@ -140,10 +142,12 @@ bool ChannelIo::isDone() const
 // What is left is never set anew: the time-out bounds the whole receiving.
 bool ChannelIo::awaitReadable()
 {
-    if (isFurtherPeek() && type() != SOCK_TYPE_UNIX && !iv_LowWater)
+    // Else the bytes that are there already would end the wait at once. For the
+    // wait alone: a peek would wait for as many too, but without a limit.
+    std::optional<SockOption<int>> l_lowWater;
+    if (isFurtherPeek() && type() != SOCK_TYPE_UNIX)
     {
-        // Else the bytes that are there already would end each wait at once.
-        iv_LowWater.emplace(handle(), SO_RCVLOWAT, static_cast<int>(iv_Wanted));
+        l_lowWater.emplace(handle(), SO_RCVLOWAT, static_cast<int>(iv_Wanted));
     }
     OneHandle l_readable(handle());
     const int l_urc =
@@ -201,7 +205,7 @@ void ChannelIo::receiveOnce()
         iv_Received =
             (l_again ? 0 : iv_Received) + static_cast<unsigned int>(l_urc);
     }
-    else if (!iv_Channel.isTimedOut() && (l_urc == 0 || errno != EINTR))
+    else if (l_urc == 0 || errno != EINTR)
     {
         failToReceive(l_urc);
     }
@@ -289,13 +293,15 @@ ssize_t ChannelIo::peekAgain()
     }
     if (static_cast<unsigned int>(l_urc) <= iv_Received)
     {
-        pause(); // a signal, or more is wanted than the socket can hold
+        pause(); // a signal, no more in time, or none that can be waited for
     }
     return l_urc;
 }
 
-// As recv() of the bytes behind those that are known. TCP waits elsewhere: in
-// the peek itself or, with the time-out on, in select().
+// As recv() of the bytes behind those that are known, except that 1 does not
+// promise any: the time may be over, or the socket one that does not block.
+// TCP waits elsewhere: in the peek itself or, with the time-out on, in
+// select().
 ssize_t ChannelIo::awaitMore()
 {
     if (type() != SOCK_TYPE_UNIX)
@@ -306,18 +312,13 @@ ssize_t ChannelIo::awaitMore()
     {
         return awaitBytesBehind(handle(), iv_Received, nullptr);
     }
-    ssize_t l_urc = -1;
-    errno = EAGAIN;
-    if (toMicros(iv_Left) != 0)
+    if (toMicros(iv_Left) == 0)
     {
-        const CountDown l_countDown(iv_Left);
-        l_urc = awaitBytesBehind(handle(), iv_Received, &iv_Left);
+        return 1;
     }
-    if (l_urc == -1 && errno == EAGAIN)
-    {
-        timeOut();
-    }
-    return l_urc;
+    const CountDown l_countDown(iv_Left);
+    const ssize_t l_urc = awaitBytesBehind(handle(), iv_Received, &iv_Left);
+    return l_urc == -1 && errno == EAGAIN ? 1 : l_urc;
 }
 
 // The unread bytes hide an error from the system call that would report it.

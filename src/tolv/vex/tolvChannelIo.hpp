@@ -3,14 +3,12 @@
 #define TOLV_VEX_TOLVCHANNELIO_HPP
 
 #include "tolv/vex/tolvChannel.hpp"
-#include "tolv/vex/tolvSockOption.hpp"
 
 #include <sys/time.h>
 #include <sys/types.h>
 
 #include <cstddef>
 
-#include <optional>
 #include <string>
 
 namespace tolv
@@ -83,8 +81,7 @@ class ChannelIo
     unsigned int iv_Received;
     int iv_Flags;
     timeval iv_Left; // of the time-out, while it is on
-    std::optional<SockOption<int>> iv_LowWater;
-    bool iv_Failed; // also when memory was short for iv_Error
+    bool iv_Failed;  // also when memory was short for iv_Error
     pError_t iv_Error;
 };
 

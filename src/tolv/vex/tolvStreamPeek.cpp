@@ -28,6 +28,10 @@ ssize_t awaitBytesBehind(OS_HANDLE i_handle, unsigned int i_known,
     if (i_limit != nullptr)
     {
         l_limit.emplace(i_handle, SO_RCVTIMEO, *i_limit);
+        if (!l_limit->isSet())
+        {
+            return 1; // rather than wait without a limit
+        }
     }
     char l_byte = 0;
     return recv(i_handle, &l_byte, sizeof(l_byte), MSG_PEEK | MSG_NOSIGNAL);

@@ -24,7 +24,7 @@ bool streamEnded(OS_HANDLE i_handle);
 ///
 /// Returns: 1 for more bytes, or at once where the system cannot wait so; 0
 ///          when the peer has closed; -1 with errno, which is EAGAIN when the
-///          limit has passed.
+///          limit has passed, and at once when the socket does not block.
 ssize_t awaitBytesBehind(OS_HANDLE i_handle, unsigned int i_known,
                          const timeval* i_limit);
 
