@@ -98,8 +98,9 @@ Call messaging(const char* i_function, int i_handle, const msghdr& i_message,
     return l_call;
 }
 
-int answerSelect(const Answer& i_answer, fd_set* io_read)
+int answerSelect(const Answer& i_answer, fd_set* io_read, timeval* io_limit)
 {
+    put(i_answer.bytes, io_limit, sizeof(*io_limit));
     if (i_answer.result == 0 && io_read != nullptr)
     {
         FD_ZERO(io_read);
@@ -216,7 +217,7 @@ extern "C"
         l_call.limit = io_limit == nullptr ? timeval() : *io_limit;
         Answer l_answer = {};
         return record(l_call, l_answer)
-                   ? answerSelect(l_answer, io_read)
+                   ? answerSelect(l_answer, io_read, io_limit)
                    : __real_select(i_count, io_read, io_write, io_except,
                                    io_limit);
     }

@@ -43,7 +43,8 @@ struct Answer
 {
     ssize_t result;
     int error = 0;            ///< errno, when the result is -1
-    std::string bytes = {};   ///< received, or the value of an option
+    std::string bytes = {};   ///< received, the value of an option, or the
+                              ///< timeval that select() leaves of its limit
     std::string peer = {};    ///< the sender's address
     std::string control = {}; ///< the control messages of a received message
     int flags = 0;            ///< of a received message

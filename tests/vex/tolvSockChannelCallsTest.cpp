@@ -1,6 +1,7 @@
 #include "tolv/vex/tolvSockChannel.hpp"
 
 #include "support/answeredChannel.hpp"
+#include "tolv/vex/tolvTrace.hpp"
 
 #include <arpa/inet.h>
 
@@ -12,6 +13,7 @@
 #include <limits>
 #include <memory>
 #include <string>
+#include <vector>
 
 using namespace tolv;
 using fakeSockets::answer;
@@ -26,6 +28,23 @@ namespace
 {
 
 using SockChannelCallsTest = AnsweredChannelTest<SockChannel>;
+
+// A channel that has no memory for its errors.
+class PoorChannel : public SockChannel
+{
+  public:
+    using SockChannel::BuildLog;
+    using SockChannel::SockChannel;
+
+    pError_t BuildLog(unsigned char, unsigned short, int i_traceDesc,
+                      const char*, ...) override
+    {
+        iv_TraceDescs.push_back(i_traceDesc);
+        return pError_t();
+    }
+
+    std::vector<int> iv_TraceDescs; // that the errors were built with
+};
 
 SockAddr_t address(const char* i_host, unsigned short i_port)
 {
@@ -193,6 +212,23 @@ TEST_F(SockChannelCallsTest, NoHandleReceivesNothing)
     EXPECT_TRUE(calls().empty());
 }
 
+TEST_F(SockChannelCallsTest, FailureEndsTheReceivingWithoutMemoryForAnError)
+{
+    for (const fakeSockets::Answer& l_failure :
+         {fakeSockets::Answer{0}, failed(EHOSTDOWN), failed(ENOMEM)})
+    {
+        fakeSockets::forget();
+        iv_Channel = std::make_unique<PoorChannel>(HANDLE, SOCK_TYPE_TCP);
+        fakeSockets::forget();
+        answer("recvfrom", l_failure);
+        answer("recvfrom", received("abcd")); // that nobody asks for
+        EXPECT_FALSE(read(4));
+        EXPECT_EQ(0U, iv_Count);
+        EXPECT_EQ("recvfrom", fakeSockets::sequence());
+    }
+    fakeSockets::forget();
+}
+
 // Receiving with the time-out on.
 
 TEST_F(SockChannelCallsTest, TimedReadWaitsThenLooksForAPendingError)
@@ -252,6 +288,25 @@ TEST_F(SockChannelCallsTest, TimeOutIsNoErrorAndLeavesAChannelThatPolls)
     EXPECT_EQ(0, calls()[0].limit.tv_usec);
 }
 
+TEST_F(SockChannelCallsTest, EachWaitHasWhatTheOnesBeforeHaveLeft)
+{
+    openTimed(SOCK_TYPE_TCP);
+    const timeval l_half = {3, 4};
+    const timeval l_little = {0, 2};
+    answer("select", {1, 0, bytesOf(l_half)});
+    answer("getsockopt", {0, 0, bytesOf(0)});
+    answer("recvfrom", received("abc"));
+    answer("select", {-1, EINTR, bytesOf(l_little)});
+    answer("select", {0});
+    EXPECT_FALSE(read(10));
+    const auto l_waits = callsOf("select");
+    ASSERT_EQ(3U, l_waits.size());
+    EXPECT_EQ(3, l_waits[1].limit.tv_sec);
+    EXPECT_EQ(4, l_waits[1].limit.tv_usec);
+    EXPECT_EQ(0, l_waits[2].limit.tv_sec);
+    EXPECT_EQ(2, l_waits[2].limit.tv_usec);
+}
+
 TEST_F(SockChannelCallsTest, NextReadClearsTheMarkOfATimeOut)
 {
     openTimed(SOCK_TYPE_TCP);
@@ -294,13 +349,15 @@ TEST_F(SockChannelCallsTest, FailedWaitReportsErrno)
 TEST_F(SockChannelCallsTest, FailedLookForAPendingErrorReportsErrno)
 {
     openTimed(SOCK_TYPE_TCP);
+    answerReady();
+    answer("recvfrom", received("abc"));
     answer("select", {1});
     answer("getsockopt", failed(ENOTSOCK));
     const pError_t l_error = read(10);
     expectError(l_error, 9, 0x4411,
                 "SockChannel::getsockopt failed, Errno[88]");
     EXPECT_EQ(ENOTSOCK, l_error->getErrno());
-    EXPECT_EQ(0U, iv_Count);
+    EXPECT_EQ(3U, iv_Count);
 }
 
 TEST_F(SockChannelCallsTest, PendingErrorIsReportedWithTheOriginOfConnections)
@@ -308,13 +365,15 @@ TEST_F(SockChannelCallsTest, PendingErrorIsReportedWithTheOriginOfConnections)
     for (const SockType l_type : {SOCK_TYPE_TCP, SOCK_TYPE_UDP, SOCK_TYPE_UNIX})
     {
         openTimed(l_type);
+        answerReady();
+        answer(l_type == SOCK_TYPE_UNIX ? "recv" : "recvfrom", received("abc"));
         answer("select", {1});
         answer("getsockopt", {0, 0, bytesOf(int(ECONNREFUSED))});
         const pError_t l_error = read(10);
         expectError(l_error, 5, 0x4425,
                     "SockChannel: getsockopt returned SO_ERROR[111]");
         EXPECT_EQ(ECONNREFUSED, l_error->getErrno());
-        EXPECT_EQ(0U, iv_Count);
+        EXPECT_EQ(3U, iv_Count);
     }
 }
 
@@ -362,6 +421,65 @@ TEST_F(SockChannelCallsTest, TimeOutBeyondTheSystemsRangeIsTheLongest)
     ASSERT_EQ(1U, calls().size());
     EXPECT_GE(calls()[0].limit.tv_sec,
               std::numeric_limits<std::int32_t>::max());
+}
+
+TEST_F(SockChannelCallsTest, FailedWaitEndsItWithoutMemoryForAnError)
+{
+    const auto l_read = [this]
+    {
+        iv_Channel = std::make_unique<PoorChannel>(HANDLE, SOCK_TYPE_TCP);
+        iv_Channel->setTimeOut(TimeValue(7));
+        answerReady(); // that nobody asks for
+        answer("recvfrom", received("abcd"));
+        EXPECT_FALSE(read(4));
+        EXPECT_EQ(0U, iv_Count);
+        EXPECT_TRUE(callsOf("recvfrom").empty());
+        fakeSockets::forget();
+    };
+    answer("select", failed(EBADF));
+    l_read();
+    answer("select", {1});
+    answer("getsockopt", failed(ENOTSOCK));
+    l_read();
+    answer("select", {1});
+    answer("getsockopt", {0, 0, bytesOf(int(ECONNREFUSED))});
+    l_read();
+}
+
+TEST_F(SockChannelCallsTest, EveryErrorIsBuiltWithTheLibrarysTraceDescriptor)
+{
+    g_TolvTraceDesc = 1234;
+    char l_buffer[4] = {};
+    unsigned int l_count = sizeof(l_buffer);
+    PoorChannel l_none(OS_INVALID, SOCK_TYPE_TCP);
+    EXPECT_FALSE(l_none.Read(l_buffer, l_count));
+    EXPECT_FALSE(l_none.Write(l_buffer, l_count));
+    EXPECT_EQ(std::vector<int>(2, 1234), l_none.iv_TraceDescs);
+
+    PoorChannel l_channel(HANDLE, SOCK_TYPE_TCP);
+    const auto l_read = [&]
+    {
+        l_count = sizeof(l_buffer);
+        EXPECT_FALSE(l_channel.Read(l_buffer, l_count));
+    };
+    answer("recvfrom", {0});
+    l_read();
+    answer("recvfrom", failed(EHOSTDOWN));
+    l_read();
+    answer("recvfrom", failed(ENOMEM));
+    l_read();
+    answer("sendto", failed(EPIPE));
+    EXPECT_FALSE(l_channel.Write(l_buffer, l_count));
+    l_channel.setTimeOut(TimeValue(7));
+    answer("select", failed(EBADF));
+    l_read();
+    answer("select", {1});
+    answer("getsockopt", failed(ENOTSOCK));
+    l_read();
+    answer("select", {1});
+    answer("getsockopt", {0, 0, bytesOf(int(ECONNREFUSED))});
+    l_read();
+    EXPECT_EQ(std::vector<int>(7, 1234), l_channel.iv_TraceDescs);
 }
 
 // Sending.

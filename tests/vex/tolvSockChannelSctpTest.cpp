@@ -91,6 +91,28 @@ TEST_F(SockChannelSctpTest, AssociationThatEndedIsAnUnreachablePeer)
     }
 }
 
+TEST_F(SockChannelSctpTest, FailedReceivingIsNoNotification)
+{
+    // The answers leave the head of a notification in the buffer.
+    fakeSockets::Answer l_failure = notified(notification(0x8001, 1));
+    l_failure.result = -1;
+    l_failure.error = EINTR;
+    answer("recvmsg", l_failure); // is repeated
+    l_failure.error = ECONNRESET;
+    answer("recvmsg", l_failure);
+    const pError_t l_error = read(40);
+    expectError(l_error, 9, 0x440B,
+                "SockChannel::Receive Error Fd[900] Flags[00004100] Req[40] "
+                "Recv[0]");
+    ASSERT_TRUE(l_error);
+    EXPECT_EQ(ECONNRESET, l_error->getErrno());
+
+    answer("recvmsg", {0});
+    expectError(read(40), 9, 0x440D,
+                "SockChannel::Connection Closed Fd[900] Flags[00004100] "
+                "Req[40] Recv[0]");
+}
+
 TEST_F(SockChannelSctpTest, OtherNotificationsCountAsData)
 {
     for (const std::string& l_bytes :

@@ -102,7 +102,7 @@ TEST(SocketTest, DottedQuadIsTakenAndThePortStoredUnchanged)
     EXPECT_EQ(16U, l_addr.length);
 }
 
-TEST(SocketTest, TextThatIsNoDottedQuadIsRefused)
+TEST(SocketTest, TextThatIsNoDottedQuadIsRefusedWithTheRestFilled)
 {
     for (const char* const l_host :
          {"", "localhost", "192.0.2", "192.0.2.256", "192.0.2.7 ", "::1"})
@@ -110,6 +110,9 @@ TEST(SocketTest, TextThatIsNoDottedQuadIsRefused)
         SockAddr_t l_addr = {};
         EXPECT_EQ(0, initSockAddrStruct(l_host, PORT, l_addr, SOCK_TYPE_UDP))
             << l_host;
+        EXPECT_EQ(AF_INET, l_addr.addr.in.sin_family);
+        EXPECT_EQ(PORT, l_addr.addr.in.sin_port);
+        EXPECT_EQ(16U, l_addr.length);
     }
 }
 
