@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
+#include <ctime>
 
 #include <algorithm>
 #include <deque>
@@ -20,6 +22,7 @@ using fakeSockets::Call;
 std::mutex g_lock;
 std::vector<Call> g_calls;
 std::map<std::string, std::deque<Answer>> g_answers;
+std::int64_t g_ahead(0); // how far the clock is, in microseconds
 
 std::string copyOf(const void* i_bytes, std::size_t i_length)
 {
@@ -50,6 +53,7 @@ bool record(const Call& i_call, Answer& o_answer)
     }
     o_answer = l_answers.front();
     l_answers.pop_front();
+    g_ahead += o_answer.micros;
     if (o_answer.result == -1)
     {
         errno = o_answer.error;
@@ -124,6 +128,7 @@ extern "C"
     int __real_getsockopt(int, int, int, void*, socklen_t*);
     int __real_setsockopt(int, int, int, const void*, socklen_t);
     int __real_close(int);
+    int __real_clock_gettime(clockid_t, timespec*);
 
     ssize_t __wrap_recv(int i_handle, void* o_buffer, size_t i_room,
                         int i_flags)
@@ -272,6 +277,19 @@ extern "C"
         return record(callOf("close", i_handle), l_answer)
                    ? static_cast<int>(l_answer.result)
                    : __real_close(i_handle);
+    }
+
+    int __wrap_clock_gettime(clockid_t i_clock, timespec* o_now)
+    {
+        const int l_urc = __real_clock_gettime(i_clock, o_now);
+        if (i_clock == CLOCK_MONOTONIC)
+        {
+            const std::lock_guard<std::mutex> l_lock(g_lock);
+            const std::int64_t l_nanos = o_now->tv_nsec + g_ahead * 1000;
+            o_now->tv_sec += static_cast<time_t>(l_nanos / 1000000000);
+            o_now->tv_nsec = static_cast<long>(l_nanos % 1000000000);
+        }
+        return l_urc;
     }
 }
 

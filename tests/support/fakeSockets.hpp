@@ -48,6 +48,7 @@ struct Answer
     std::string peer = {};    ///< the sender's address
     std::string control = {}; ///< the control messages of a received message
     int flags = 0;            ///< of a received message
+    int micros = 0; ///< how far the monotonic clock of the library goes on
 };
 
 /// An answer that leaves i_bytes in the caller's buffer.

@@ -319,6 +319,19 @@ TEST_F(SockChannelCallsTest, NextReadClearsTheMarkOfATimeOut)
     EXPECT_FALSE(iv_Channel->isTimedOut());
 }
 
+TEST_F(SockChannelCallsTest, ReadWithoutATimeOutClearsTheMarkOfOneToo)
+{
+    openTimed(SOCK_TYPE_TCP);
+    answer("select", {0});
+    EXPECT_FALSE(read(4));
+    iv_Channel->clearTimeOut();
+    answer("recvfrom", received("abc"));
+    answer("recvfrom", received("d"));
+    EXPECT_FALSE(read(4));
+    EXPECT_EQ(4U, iv_Count);
+    EXPECT_FALSE(iv_Channel->isTimedOut());
+}
+
 TEST_F(SockChannelCallsTest, InterruptedWaitGoesOn)
 {
     openTimed(SOCK_TYPE_TCP);
