@@ -49,8 +49,8 @@ class TOLV_EXPORT Channel : public Base
     /// Blocks: until all have arrived or the connection ends; with the
     ///         time-out on, at most that long for the whole call. A time-out
     ///         is NO ERROR: the result is empty, io_Bytes is short,
-    ///         isTimedOut() is true, and the channel's time-out has become
-    ///         zero, so that a later read does not wait.
+    ///         isTimedOut() is true, errno is ETIMEDOUT, and the channel's
+    ///         time-out has become zero, so that a later read does not wait.
     virtual pError_t Read(void* o_buf, unsigned int& io_Bytes) = 0;
 
     /// Sends io_Bytes bytes with one system call.
