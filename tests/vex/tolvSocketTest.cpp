@@ -24,6 +24,11 @@ std::vector<std::int32_t> properties(SockType i_type)
                             : std::vector<std::int32_t>(l_row, l_row + 3);
 }
 
+std::string imageOf(const SockAddr_t& i_addr)
+{
+    return std::string(reinterpret_cast<const char*>(&i_addr), sizeof(i_addr));
+}
+
 // The path as a reader of text sees it, through the whole address area.
 std::string pathOf(const SockAddr_t& i_addr)
 {
@@ -132,7 +137,7 @@ TEST(SocketTest, UnixPathHasAlwaysTheLengthOfTheWholeRecord)
 
 TEST(SocketTest, UnixPathIsFollowedByZeros)
 {
-    SockAddr_t l_addr;
+    SockAddr_t l_addr = {};
     std::memset(&l_addr, 0xFF, sizeof(l_addr));
     EXPECT_EQ(1, initSockAddrStruct("ab", 0, l_addr, SOCK_TYPE_UNIX));
     const std::string l_area(reinterpret_cast<const char*>(&l_addr.addr) +
@@ -146,12 +151,11 @@ TEST(SocketTest, PathThatDoesNotFitIsRefusedAndWritesNothing)
 {
     const std::string l_path(109, 'p');
     SockAddr_t l_addr = {};
-    const SockAddr_t l_zero = {};
     EXPECT_EQ(0, initSockAddrStruct(l_path.c_str(), 0, l_addr, SOCK_TYPE_UNIX));
-    EXPECT_EQ(0, std::memcmp(&l_zero, &l_addr, sizeof(l_addr)));
+    EXPECT_EQ(std::string(sizeof(l_addr), '\0'), imageOf(l_addr));
     EXPECT_EQ(0, initSockAddrStruct(std::string(100000, 'p').c_str(), 0, l_addr,
                                     SOCK_TYPE_UNIX));
-    EXPECT_EQ(0, std::memcmp(&l_zero, &l_addr, sizeof(l_addr)));
+    EXPECT_EQ(std::string(sizeof(l_addr), '\0'), imageOf(l_addr));
 }
 
 TEST(SocketTest, MissingPathIsRefused)
