@@ -31,6 +31,9 @@ function(tolv_test_program NAME SOURCE)
   cmake_parse_arguments(PARSE_ARGV 2 ARG "" "" "WRAP;SOURCES;LIBRARIES")
   add_executable(${NAME} ${SOURCE} ${ARG_SOURCES})
   target_include_directories(${NAME} PRIVATE "${PROJECT_SOURCE_DIR}/tests")
+  # The library is tested as the preset optimises it. Optimising the tests as
+  # well would take longer than running them.
+  target_compile_options(${NAME} PRIVATE -O0)
   target_link_libraries(${NAME} PRIVATE
     ${ARG_LIBRARIES} gtest gtest_main tolv_warnings)
   foreach(l_function IN LISTS ARG_WRAP)
