@@ -209,6 +209,22 @@ TEST_F(DispatcherTeardownTest, HandlerThatAnsweredRemoveIsStillToldOfItsOthers)
     EXPECT_EQ(1, iv_Destroyed);
 }
 
+TEST_F(DispatcherTeardownTest, TimersOfAHandlerThatGoesKeepTheirPlace)
+{
+    start();
+    RecordingHandler& l_going = goingHandler("going");
+    RecordingHandler& l_staying = handler("staying");
+    const OS_HANDLE l_handle = addPipe(l_going).handle();
+    const Timer_t l_late = addTimer(l_staying, 2000);
+    const Timer_t l_early = addTimer(l_going, 1000);
+    const Timer_t l_latest = addTimer(l_going, 3000);
+    finish();
+    EXPECT_EQ((Calls{shutdown("going", l_handle), shutdown("going", l_early),
+                     shutdown("staying", l_late), shutdown("going", l_latest)}),
+              iv_Log.calls());
+    EXPECT_EQ(1, iv_Destroyed);
+}
+
 TEST_F(DispatcherTeardownTest, HandlersByTheHundredAreDestroyed)
 {
     start();

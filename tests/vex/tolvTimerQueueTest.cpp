@@ -316,17 +316,18 @@ TEST_F(TimerQueueTest, HidesTheTimersOfAHandlerToBeRemoved)
     EXPECT_FALSE(iv_Queue.contains(1));
 }
 
-TEST_F(TimerQueueTest, ListsTheArmedInOrderThenTheOthers)
+TEST_F(TimerQueueTest, ListsAllInOrderOfExpiryArmedOrNot)
 {
     add(1, 40);
     add(2, 30);
     add(3, 20);
     add(4, 10);
-    iv_Queue.enter(timer(4));
+    iv_Queue.add(5, iv_Other, TimeValue(25), NOW);
     iv_Queue.enter(timer(2));
-    EXPECT_EQ((Ids{3, 1, 2, 4}), iv_Queue.list());
+    iv_Other.*get(HandlerRemoved()) = true;
+    iv_Queue.hide(iv_Other);
+    EXPECT_EQ((Ids{4, 3, 5, 2, 1}), iv_Queue.list());
     leave(2);
-    leave(4);
 }
 
 TEST_F(TimerQueueTest, OnlyAddingAllocates)

@@ -1,5 +1,6 @@
 #include "tolv/vex/tolvTimerQueue.hpp"
 
+#include <algorithm>
 #include <tuple>
 
 namespace tolv
@@ -108,18 +109,18 @@ TimerProperties* TimerQueue::first() const
 
 std::vector<Timer_t> TimerQueue::list() const
 {
-    std::vector<Timer_t> l_list;
-    l_list.reserve(iv_Timers.size());
-    for (const Node* l_node : iv_Armed)
-    {
-        l_list.push_back(l_node->getId());
-    }
+    std::vector<const Node*> l_nodes;
+    l_nodes.reserve(iv_Timers.size());
     for (const auto& l_timer : iv_Timers)
     {
-        if (!l_timer.second.isArmed())
-        {
-            l_list.push_back(l_timer.first);
-        }
+        l_nodes.push_back(&l_timer.second);
+    }
+    std::sort(l_nodes.begin(), l_nodes.end(), Earlier());
+    std::vector<Timer_t> l_list;
+    l_list.reserve(l_nodes.size());
+    for (const Node* l_node : l_nodes)
+    {
+        l_list.push_back(l_node->getId());
     }
     return l_list;
 }

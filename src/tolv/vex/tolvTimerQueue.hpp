@@ -70,7 +70,7 @@ class TimerQueue
     /// The armed timer that expires first, null when none is armed.
     TimerProperties* first() const;
 
-    /// The armed timers in order, then the others by identifier.
+    /// All timers in order of expiry, also those that are not armed.
     std::vector<Timer_t> list() const;
 
   private:
