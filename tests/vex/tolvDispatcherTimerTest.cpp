@@ -41,7 +41,7 @@ constexpr std::uint32_t LATEST = std::numeric_limits<std::uint32_t>::max();
 constexpr std::uint32_t DAY = 24 * 60 * 60;
 
 // Where the uptime stands when a test begins. Only a test moves it, so spans
-// are long enough that no wait ends by its time-out.
+// are long enough that no wait ends by its time-out unless a test wants that.
 constexpr std::uint32_t START = 5000;
 
 // The next identifiers; then the real ones go on. Changed while no timer is
@@ -352,6 +352,19 @@ TEST_F(DispatcherTimerTest, FiresAtItsExpiryAndNotBefore)
     EXPECT_EQ((Lines{"1"}), iv_Log.lines());
 }
 
+// The time-out passes while the uptime stands still.
+TEST_F(DispatcherTimerTest, WaitThatEndsBeforeTheExpiryServesNothing)
+{
+    iv_Handler.iv_OnTick = logTicks(EventHandler::ACTION_UNREGISTER);
+    add(0, 1);
+    const int l_waits = loopProbe::waits();
+    ASSERT_TRUE(waitFor([&] { return loopProbe::waits() >= l_waits + 3; }));
+    EXPECT_EQ(TimeValue(0, 1), timeOut());
+    EXPECT_EQ(Lines{}, iv_Log.lines());
+    pass(1);
+    EXPECT_TRUE(iv_Log.has(1));
+}
+
 TEST_F(DispatcherTimerTest, ServesOneTimerAPass)
 {
     std::vector<int> l_waits;
@@ -408,6 +421,35 @@ TEST_F(DispatcherTimerTest, ZeroIsDueAtOnceAndAgainAtEveryPass)
     add(0);
     EXPECT_TRUE(waitsForEver());
     EXPECT_EQ((Lines{"1", "1", "1", "1", "1"}), iv_Log.lines());
+}
+
+// The pipe is made readable by the first tick of the only thread.
+TEST_F(DispatcherTimerTest, ZeroPeriodLetsNoDescriptorBeServed)
+{
+    constexpr int TICKS = 500;
+    Pipe l_pipe;
+    std::atomic<int> l_ticks(0);
+    iv_Handler.iv_OnTick = [&](Timer_t, EventHandler::EVENT)
+    {
+        if (++l_ticks == 1)
+        {
+            l_pipe.fill();
+        }
+        return l_ticks == TICKS ? EventHandler::ACTION_UNREGISTER
+                                : EventHandler::ACTION_CONTINUE;
+    };
+    iv_Handler.iv_OnEvent = [&](OS_HANDLE, EventHandler::EVENT)
+    {
+        l_pipe.drain();
+        iv_Log.add("read after " + std::to_string(l_ticks));
+        return EventHandler::ACTION_CONTINUE;
+    };
+    dispatcher().Register(l_pipe.handle(), iv_Handler,
+                          EventHandler::EVENT_READ);
+    add(0);
+    EXPECT_TRUE(iv_Log.has(1));
+    EXPECT_EQ((Lines{"read after 500"}), iv_Log.lines());
+    dispatcher().Unregister(l_pipe.handle());
 }
 
 // The pair for the wake-ups holds fewer than these.
@@ -636,6 +678,8 @@ TEST_F(DispatcherTimerTest, CancelInItsOwnCallbackEndsItWhateverTheAnswer)
             [&, l_answer](Timer_t i_timer, EventHandler::EVENT i_event)
         {
             EXPECT_TRUE(dispatcher().CancelTimer(i_timer));
+            EXPECT_TRUE(dispatcher().ExpireTimer(i_timer)) << "until it ends";
+            EXPECT_TRUE(dispatcher().CancelTimer(i_timer));
             return logTicks(l_answer)(i_timer, i_event);
         };
         const Timer_t l_timer = add(100);
@@ -732,6 +776,24 @@ TEST_F(DispatcherTimerTest, ServedTimerWakesTheLoopWhenItIsRearmed)
     advance(100);
     EXPECT_EQ(l_before + 2, loopProbe::wakeUps())
         << "advance() and the re-arming";
+}
+
+TEST_F(DispatcherTimerTest, AnswersThatEndATimerWakeTheLoop)
+{
+    iv_Handler.iv_OnTick = logTicks(EventHandler::ACTION_UNREGISTER);
+    ScriptedHandler* const l_going = new ScriptedHandler(iv_None);
+    l_going->iv_OnTick = logTicks(EventHandler::ACTION_REMOVE);
+    add(iv_Handler, 100);
+    add(*l_going, 200);
+    for (const char* l_timer : {"1", "2"})
+    {
+        ASSERT_TRUE(loopProbe::waitUntilIdle());
+        const int l_before = loopProbe::wakeUps();
+        advance(100);
+        EXPECT_EQ(l_timer, iv_Log.lines().back());
+        EXPECT_EQ(l_before + 2, loopProbe::wakeUps())
+            << "advance() and the answer";
+    }
 }
 
 // Time-out of the wait
@@ -1098,6 +1160,56 @@ TEST_F(DispatcherRefreshThreadsTest, CallbackThatEndsMeanwhileIsWatchedAgain)
     EXPECT_EQ((Lines{"1", "read", "read"}), iv_Log.lines());
 }
 
+TEST_F(DispatcherRefreshThreadsTest, DescriptorWhoseCallbackRunsIsRefreshed)
+{
+    Gate l_gate;
+    iv_Handler.iv_OnRefresh = logRefresh();
+    iv_Handler.iv_OnEvent = [&](OS_HANDLE, EventHandler::EVENT)
+    {
+        l_gate.pass();
+        return EventHandler::ACTION_UNREGISTER;
+    };
+    registerHandle(0, iv_Handler);
+    iv_Pipes[0].fill();
+    ASSERT_TRUE(l_gate.reached());
+    pass(100);
+    wake();
+    EXPECT_TRUE(iv_Log.has(2));
+    l_gate.open();
+    EXPECT_EQ((Lines{"1", "a"}), iv_Log.lines());
+}
+
+TEST_F(DispatcherRefreshThreadsTest, HandlerThatIsToGoIsNotRefreshed)
+{
+    Gate l_gate;
+    ScriptedHandler* const l_handler = new ScriptedHandler(iv_None);
+    l_handler->iv_OnDestruction = [this] { iv_Log.add("destroyed"); };
+    l_handler->iv_OnRefresh = logRefresh();
+    l_handler->iv_OnTick = logTicks(EventHandler::ACTION_REMOVE);
+    l_handler->iv_OnEvent = [&](OS_HANDLE, EventHandler::EVENT)
+    {
+        l_gate.pass();
+        return EventHandler::ACTION_CONTINUE;
+    };
+    iv_Other.iv_OnRefresh = logRefresh();
+    registerHandle(0, *l_handler);
+    registerHandle(1, *l_handler);
+    registerHandle(2, iv_Other);
+    iv_Pipes[0].fill();
+    ASSERT_TRUE(l_gate.reached());
+    add(*l_handler, 50);
+    pass(50);
+    wake();
+    ASSERT_TRUE(iv_Log.has(1));
+    ASSERT_TRUE(waitFor([&] { return threadsIn(*l_handler) == 1; }));
+    pass(50);
+    wake();
+    EXPECT_TRUE(iv_Log.has(3));
+    l_gate.open();
+    EXPECT_TRUE(iv_Log.has(4));
+    EXPECT_EQ((Lines{"2", "1", "c", "destroyed"}), iv_Log.lines());
+}
+
 // Several threads
 
 TEST_F(DispatcherTimerThreadsTest, RunningTimerDoesNotFireAgain)
@@ -1268,6 +1380,35 @@ TEST_F(DispatcherTimerThreadsTest, RemoveFromATimerWaitsForAnotherTimer)
     l_gates[1].open();
     ASSERT_TRUE(iv_Log.has(3));
     EXPECT_EQ((Lines{"1", "2", "destroyed"}), iv_Log.lines());
+}
+
+TEST_F(DispatcherTimerThreadsTest, RemoveFromATimerWaitsForItsOtherCallback)
+{
+    Gate l_gate;
+    std::atomic<int> l_ticks(0);
+    ScriptedHandler& l_handler = makeHandler();
+    l_handler.iv_OnTick = [&](Timer_t i_timer, EventHandler::EVENT i_event)
+    {
+        if (++l_ticks == 2)
+        {
+            return logTicks(EventHandler::ACTION_REMOVE)(i_timer, i_event);
+        }
+        update(i_timer, 0);
+        dispatcher().EnableCallback(i_timer);
+        l_gate.pass();
+        return logTicks()(i_timer, i_event);
+    };
+    add(l_handler, 100);
+    pass(100);
+    wake();
+    ASSERT_TRUE(l_gate.reached());
+    ASSERT_TRUE(iv_Log.has(1));
+    ASSERT_TRUE(waitFor([&] { return threadsIn(l_handler) == 1; }));
+    EXPECT_TRUE(waitsForEver()) << "it does not fire any more";
+    l_gate.open();
+    ASSERT_TRUE(iv_Log.has(3));
+    EXPECT_EQ((Lines{"1", "1", "destroyed"}), iv_Log.lines());
+    EXPECT_FALSE(dispatcher().ExpireTimer(1));
 }
 
 TEST_F(DispatcherTimerThreadsTest, ServesEveryTimerOnceUnderLoad)
