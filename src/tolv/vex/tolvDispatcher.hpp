@@ -80,8 +80,9 @@ class TOLV_EXPORT Dispatcher
     /// An unknown descriptor is ignored. Unregister before you close.
     virtual void Unregister(OS_HANDLE i_handle);
 
-    /// Calls the handler's TimerTick() after every i_timeout, counted from the
-    /// end of the call before. Zero is due at once.
+    /// Calls the handler's TimerTick() after every io_timeout, counted from the
+    /// end of the call before. Zero is due at once and again after each call;
+    /// with one thread no descriptor is served meanwhile.
     ///
     /// Units:   io_timeout, a span, read only.
     /// Returns: the timer's identifier, never 0. A timer that is added during
@@ -90,11 +91,13 @@ class TOLV_EXPORT Dispatcher
 
     /// Gives a timer a new period, which begins now. io_handler is not used;
     /// an unknown timer is ignored. A timer whose callback runs stays disabled
-    /// until it ends, unless EnableCallback() says otherwise.
+    /// until it ends, and the new period begins again there, unless
+    /// EnableCallback() lets the timer fire before.
     virtual void UpdateTimer(EventHandler& io_handler, Timer_t i_timer,
                              OS_TIMEOUT& io_timeout);
 
-    /// Ends a timer; from inside its own callback too.
+    /// Ends a timer; from inside its own callback too. A callback that runs on
+    /// another thread comes to its end, and is not waited for.
     ///
     /// Returns: whether there was such a timer.
     virtual bool CancelTimer(Timer_t i_timer);
@@ -119,7 +122,8 @@ class TOLV_EXPORT Dispatcher
     /// watched again when that ends.
     virtual void EnableCallback(OS_HANDLE i_handle);
 
-    /// Lets a timer fire whose own callback is still running.
+    /// Lets a timer fire whose own callback is still running. With several
+    /// threads the next callback may then run at the same time.
     virtual void EnableCallback(Timer_t i_timer);
 
     /// Stops the threads, sends EVENT_SHUTDOWN to every descriptor and timer,

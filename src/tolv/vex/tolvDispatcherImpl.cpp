@@ -251,6 +251,11 @@ void MTDispatcher::Join()
 }
 
 // The loop of the only thread: ends with the shutdown.
+//
+// Deliberate: while a timer is due, ready descriptors wait.
+// Effect: a timer with a period of zero lets no descriptor be served, until it
+// gets another period or ends.
+// Pinned by: DispatcherTimerTest.ZeroPeriodLetsNoDescriptorBeServed
 void MTDispatcher::ThreadMainSingle()
 {
     Wait l_wait;

@@ -43,8 +43,8 @@ using EVENT_MASK = std::uint32_t;
 ///            timers cancelled and no callback of it runs.
 /// Threads:   callbacks run with no lock of the dispatcher held. With more
 ///            than one worker, callbacks for different descriptors or timers
-///            of one handler may run at once; what they share is the
-///            handler's to lock.
+///            of one handler may run at once, and RefreshHandler() beside
+///            any of them; what they share is the handler's to lock.
 /// Errors:    destroying a handler while a thread is inside it fails an
 ///            assertion.
 class TOLV_EXPORT EventHandler : public Base
@@ -75,7 +75,9 @@ class TOLV_EXPORT EventHandler : public Base
         ACTION_REMOVE = 8
     };
 
-    /// Registers nothing. Ownership: the dispatcher outlives the handler.
+    /// Registers nothing.
+    ///
+    /// Ownership: io_dispatcher is kept as a reference and not owned.
     explicit EventHandler(Dispatcher& io_dispatcher);
     ~EventHandler() override;
     EventHandler(const EventHandler&) = delete;
