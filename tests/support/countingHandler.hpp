@@ -2,7 +2,7 @@
 #ifndef TOLV_TESTS_SUPPORT_COUNTINGHANDLER_HPP
 #define TOLV_TESTS_SUPPORT_COUNTINGHANDLER_HPP
 
-#include "support/waitFor.hpp"
+#include "support/gate.hpp"
 #include "tolv/vex/tolvDispatcher.hpp"
 #include "tolv/vex/tolvEventHandler.hpp"
 
@@ -55,36 +55,6 @@ inline char takeByte(tolv::OS_HANDLE i_handle)
     EXPECT_EQ(1, recv(i_handle, &l_byte, 1, MSG_DONTWAIT));
     return l_byte;
 }
-
-/// Holds callbacks up until it is opened.
-class Gate
-{
-  public:
-    void pass()
-    {
-        ++iv_Arrived;
-        waitFor([this] { return iv_Open.load(); });
-    }
-
-    void open()
-    {
-        iv_Open = true;
-    }
-
-    int arrived() const
-    {
-        return iv_Arrived;
-    }
-
-    bool waitForArrived(int i_callbacks)
-    {
-        return waitFor([=] { return iv_Arrived >= i_callbacks; });
-    }
-
-  private:
-    std::atomic<bool> iv_Open{false};
-    std::atomic<int> iv_Arrived{0};
-};
 
 /// What is set before the first callback is called back; what is not set
 /// carries on, after taking one byte.

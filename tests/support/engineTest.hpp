@@ -2,6 +2,7 @@
 #ifndef TOLV_TESTS_SUPPORT_ENGINETEST_HPP
 #define TOLV_TESTS_SUPPORT_ENGINETEST_HPP
 
+#include "support/gate.hpp"
 #include "support/loopCalls.hpp"
 #include "support/waitFor.hpp"
 #include "tolv/vex/tolvDispatcher.hpp"
@@ -221,31 +222,6 @@ class RecordingHandler : public tolv::EventHandler
   private:
     CallLog& iv_Log;
     const std::string iv_Name;
-};
-
-/// Holds callbacks up until it is opened.
-class Gate
-{
-  public:
-    void pass()
-    {
-        ++iv_Arrived;
-        waitFor([this] { return iv_Open.load(); });
-    }
-
-    void open()
-    {
-        iv_Open = true;
-    }
-
-    bool waitForArrived(int i_callbacks = 1) const
-    {
-        return waitFor([=] { return iv_Arrived >= i_callbacks; });
-    }
-
-  private:
-    std::atomic<bool> iv_Open{false};
-    std::atomic<int> iv_Arrived{0};
 };
 
 /// Starts an engine; one that the test has not torn down is torn down in the
