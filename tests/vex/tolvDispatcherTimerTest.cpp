@@ -968,6 +968,16 @@ TEST_F(DispatcherRefreshTest, CallsEveryRecordInListOrderThenRearms)
     EXPECT_EQ(8U, iv_Log.size());
 }
 
+TEST_F(DispatcherRefreshTest, OtherAnswersRefreshNothing)
+{
+    for (const int l_answer : {0, 1, 3, 6, 10, 16, -1})
+    {
+        iv_Asking.iv_OnTick = logTicks(l_answer);
+        advance(100);
+    }
+    EXPECT_EQ(Lines(7, "1"), iv_Log.lines());
+}
+
 TEST_F(DispatcherRefreshTest, WakesTheLoopOnceMore)
 {
     ASSERT_TRUE(loopProbe::waitUntilIdle());
