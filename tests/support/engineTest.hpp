@@ -228,6 +228,10 @@ class RecordingHandler : public tolv::EventHandler
 /// end.
 class EngineTest : public testing::Test
 {
+  public:
+    EngineTest(const EngineTest&) = delete;
+    EngineTest& operator=(const EngineTest&) = delete;
+
   protected:
     using Handler = tolv::EventHandler;
 
