@@ -385,6 +385,39 @@ TEST_F(DispatcherThreadsTest, OnlyTheLastOfTwoDescriptorsToEndIsWatchedAgain)
     EXPECT_FALSE(isWatched(l_dispatcher, l_first.near()));
 }
 
+TEST_F(DispatcherThreadsTest, NewRegistrationOfABusyHandlerIsServedOnce)
+{
+    const SocketPair l_pair;
+    Gate l_gate;
+    CountingHandler l_handler;
+    Dispatcher l_dispatcher(3, 3, false);
+    l_handler.iv_OnRead = [&](OS_HANDLE i_handle)
+    {
+        takeByte(i_handle);
+        if (l_handler.iv_Reads == 1)
+        {
+            l_gate.pass();
+        }
+        return CONTINUE;
+    };
+    l_dispatcher.Register(l_pair.near(), l_handler, 0);
+    l_pair.send();
+    ASSERT_TRUE(l_gate.waitForArrived(1));
+    l_dispatcher.Unregister(l_pair.near());
+    l_dispatcher.Register(l_pair.near(), l_handler, 0);
+    l_pair.send();
+    ASSERT_TRUE(waitFor([&] { return l_handler.iv_Reads == 2; }));
+    ASSERT_TRUE(waitUntilInside(l_dispatcher, l_handler, 1));
+    EXPECT_FALSE(isWatched(l_dispatcher, l_pair.near()));
+    // Nor does the end of the old callback watch it again.
+    l_gate.open();
+    ASSERT_TRUE(waitUntilInside(l_dispatcher, l_handler, 0));
+    EXPECT_FALSE(isWatched(l_dispatcher, l_pair.near()));
+    l_dispatcher.EnableCallback(l_pair.near());
+    l_pair.send();
+    EXPECT_TRUE(waitFor([&] { return l_handler.iv_Reads == 3; }));
+}
+
 TEST_F(DispatcherThreadsTest, EnableCallbackWatchesADescriptorOfABusyHandler)
 {
     const SocketPair l_pair;
