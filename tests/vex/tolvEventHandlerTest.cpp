@@ -142,6 +142,14 @@ TEST_F(EventHandlerTest, ActionsHaveTheirValues)
     EXPECT_EQ(8, EventHandler::ACTION_REMOVE);
 }
 
+// Else an answer beyond the largest of the values would be undefined.
+TEST_F(EventHandlerTest, AnyWordCanBeAnAnswer)
+{
+    EXPECT_TRUE((
+        std::is_same<std::int32_t,
+                     std::underlying_type<EventHandler::ACTION>::type>::value));
+}
+
 // The dispatcher has no engine: every use of it would end the process.
 TEST_F(EventHandlerTest, NewHandlerIsLiveUncountedAndNotRegistered)
 {

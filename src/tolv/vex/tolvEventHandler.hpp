@@ -59,10 +59,10 @@ class TOLV_EXPORT EventHandler : public Base
         EVENT_TIMER = 128    ///< the timer expired
     };
 
-    /// What the dispatcher is to do next. Any other value counts as
+    /// What the dispatcher is to do next. Any other value of 32 bits counts as
     /// ACTION_CONTINUE; once a handler has asked to be removed, every later
     /// answer counts as ACTION_REMOVE.
-    enum ACTION
+    enum ACTION : std::int32_t
     {
         /// Watch the descriptor again; a timer: run another full period.
         ACTION_CONTINUE = 0,
