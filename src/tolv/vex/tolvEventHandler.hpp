@@ -64,14 +64,18 @@ class TOLV_EXPORT EventHandler : public Base
     /// answer counts as ACTION_REMOVE.
     enum ACTION : std::int32_t
     {
-        /// Watch the descriptor again; a timer: run another full period.
+        /// Watch the descriptor again, unless another thread is inside the
+        /// handler: then only after EnableCallback(). A timer: run another
+        /// full period.
         ACTION_CONTINUE = 0,
-        /// From a timer: call every handler's RefreshHandler() first.
+        /// As ACTION_CONTINUE; from a timer: call every handler's
+        /// RefreshHandler() first.
         ACTION_REFRESH = 2,
         /// Forget this descriptor or timer.
         ACTION_UNREGISTER = 4,
-        /// Forget this descriptor, and with its last one the handler; from a
-        /// timer: forget and destroy the handler.
+        /// Forget this descriptor, and with its last one the handler, which
+        /// is destroyed. From a timer, and as an answer to EVENT_SHUTDOWN:
+        /// forget and destroy the handler.
         ACTION_REMOVE = 8
     };
 
@@ -87,7 +91,7 @@ class TOLV_EXPORT EventHandler : public Base
     virtual void Dump(FILE* o_stream) = 0;
 
     /// EVENT_READ for a registered descriptor, or EVENT_SHUTDOWN once for each
-    /// of them.
+    /// of them; of the answers to that only ACTION_REMOVE counts.
     virtual ACTION HandleEvent(OS_HANDLE i_handle, EVENT i_event) = 0;
 
     /// EVENT_TIMER, or EVENT_SHUTDOWN once for each timer. Unless overridden
