@@ -25,15 +25,14 @@
 #include <atomic>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <set>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 using namespace tolv;
 
-TOLV_PRIVATE_MEMBER(EnginePool, MTDispatcher, std::optional<ThreadPool>,
-                    iv_Pool);
+TOLV_PRIVATE_MEMBER(EnginePool, MTDispatcher, ThreadPool* const, iv_Pool);
 TOLV_PRIVATE_MEMBER(PoolMinimum, ThreadPool, std::uint32_t, iv_MinThreads);
 TOLV_PRIVATE_MEMBER(PoolMaximum, ThreadPool, std::uint32_t, iv_MaxThreads);
 TOLV_PRIVATE_MEMBER(PoolRetires, ThreadPool, bool, iv_RetireIdle);

@@ -22,7 +22,6 @@
 #include <chrono>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <thread>
 #include <vector>
 
@@ -41,7 +40,7 @@ TOLV_PRIVATE_MEMBER(EngineShutdown, MTDispatcher, std::atomic<bool>,
                     iv_Shutdown);
 TOLV_PRIVATE_MEMBER(RegLock, MTDispatcher, Mutex, iv_RegLock);
 TOLV_PRIVATE_MEMBER(Handles, MTDispatcher, HandleTable, iv_Handles);
-TOLV_PRIVATE_MEMBER(Pool, MTDispatcher, std::optional<ThreadPool>, iv_Pool);
+TOLV_PRIVATE_MEMBER(Pool, MTDispatcher, ThreadPool* const, iv_Pool);
 
 namespace
 {

@@ -36,7 +36,7 @@ TOLV_PRIVATE_MEMBER(RegLock, MTDispatcher, Mutex, iv_RegLock);
 TOLV_PRIVATE_MEMBER(Handles, MTDispatcher, HandleTable, iv_Handles);
 TOLV_PRIVATE_MEMBER(EngineShutdown, MTDispatcher, std::atomic<bool>,
                     iv_Shutdown);
-TOLV_PRIVATE_MEMBER(Pool, MTDispatcher, std::optional<ThreadPool>, iv_Pool);
+TOLV_PRIVATE_MEMBER(Pool, MTDispatcher, ThreadPool* const, iv_Pool);
 TOLV_PRIVATE_MEMBER(RetireIdle, ThreadPool, bool, iv_RetireIdle);
 TOLV_PRIVATE_MEMBER(MinThreads, ThreadPool, std::uint32_t, iv_MinThreads);
 TOLV_PRIVATE_MEMBER(MaxThreads, ThreadPool, std::uint32_t, iv_MaxThreads);

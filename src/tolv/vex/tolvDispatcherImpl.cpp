@@ -58,7 +58,7 @@ namespace tolv
 
 MTDispatcher::MTDispatcher(std::uint32_t i_minThreads,
                            std::uint32_t i_maxThreads, bool i_retireIdle) :
-    iv_Pool(std::in_place),
+    iv_Pool(new ThreadPool),
     iv_Handles(), iv_PendingHandles(), iv_Timers(), iv_PendingTimers(),
     iv_Shutdown(false), iv_Finished(false), iv_RegLock(), iv_FinishedCond(),
     iv_FinishLock(), iv_Outgoing{-1, -1}, iv_Changed(false), iv_OutgoingLock(),
@@ -81,10 +81,11 @@ MTDispatcher::MTDispatcher(std::uint32_t i_minThreads,
     iv_Pool->Dispatch();
 }
 
-// The pool fails its assertion while a thread still uses the members.
+// The pool fails its assertion while a thread still uses the members; until
+// then such a thread may still use the pool.
 MTDispatcher::~MTDispatcher()
 {
-    iv_Pool.reset();
+    delete iv_Pool;
 }
 
 void MTDispatcher::Dump(FILE*) {}

@@ -19,7 +19,6 @@
 
 #include <atomic>
 #include <memory>
-#include <optional>
 #include <vector>
 
 namespace tolv
@@ -152,7 +151,7 @@ class MTDispatcher : private Base
     void openPipe();
     void closePipe() TOLV_EXCLUDES(iv_OutgoingLock);
 
-    std::optional<ThreadPool> iv_Pool; // the destructor ends it first
+    ThreadPool* const iv_Pool; // owned; the destructor ends it first
     HandleTable iv_Handles TOLV_GUARDED_BY(iv_RegLock);
     HandleTable iv_PendingHandles TOLV_GUARDED_BY(iv_RegLock); // never watched
     TimerQueue iv_Timers TOLV_GUARDED_BY(iv_RegLock);
