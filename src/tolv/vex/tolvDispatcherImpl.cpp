@@ -700,6 +700,10 @@ void MTDispatcher::forgetAll()
     std::vector<Doomed> l_doomed;
     do
     {
+        for (Doomed& l_handler : l_doomed)
+        {
+            l_handler.reset(); // in the order of the tables
+        }
         l_doomed.clear();
         const MutexLock l_lock(iv_RegLock);
         forget(iv_Handles, l_doomed);
