@@ -359,9 +359,14 @@ bool MTDispatcher::Wait::isWakenUp() const
     return iv_Handles.isSet(iv_WakeUp);
 }
 
-// Serves the ready descriptors in order, one of each handler. A change of the
-// table ends the pass: what else is ready is found by the next wait, which
-// watches the changed table.
+// Serves the ready descriptors in order, one of each handler.
+//
+// Deliberate: a change of the table ends the pass. What else is ready is found
+// by the next wait, which watches the changed table.
+// Effect: handlers behind one that registers or unregisters something at every
+// event, as an acceptor does, wait until it has no more events.
+// Pinned by: DispatcherImplTest.RegisterInACallbackEndsThePass,
+// DispatcherImplTest.UnregisterInACallbackEndsThePass
 void MTDispatcher::servePass(const Wait& i_wait)
 {
     const MutexLock l_lock(iv_RegLock);
@@ -377,6 +382,13 @@ void MTDispatcher::servePass(const Wait& i_wait)
 
 // Serves one ready descriptor; the others stay readable, so the next waiting
 // thread finds them again.
+//
+// Deliberate: the first handler in order of registration is served, however
+// long the others have been ready.
+// Effect: as many handlers as there are threads, when they always have
+// something to read, leave nothing to those behind them.
+// Pinned by: DispatcherThreadsTest.EventsAreTakenInListOrder,
+// DispatcherThreadsTest.TheFirstHandlerWinsAsLongAsItIsReady
 void MTDispatcher::ServiceEvents(const Wait& i_wait)
 {
     Doomed l_doomed; // goes after the lock
