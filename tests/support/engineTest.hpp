@@ -211,11 +211,16 @@ class RecordingHandler : public tolv::EventHandler
     void RefreshHandler(tolv::OS_HANDLE i_handle, EVENT i_event) override
     {
         iv_Log.add({iv_Name, i_handle, i_event});
+        if (iv_OnRefresh)
+        {
+            iv_OnRefresh();
+        }
     }
 
     // Called after a byte has been taken.
     std::function<ACTION(tolv::OS_HANDLE)> iv_OnRead;
     std::function<ACTION(tolv::Timer_t)> iv_OnTick;
+    std::function<void()> iv_OnRefresh;
     std::function<ACTION()> iv_OnShutdown;
     std::function<void()> iv_OnDestruction;
 

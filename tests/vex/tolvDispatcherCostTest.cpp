@@ -125,7 +125,14 @@ struct CountingHandler : EventHandler
         return ACTION_CONTINUE;
     }
 
+    ACTION TimerTick(Timer_t /*i_timer*/, EVENT i_event) override
+    {
+        iv_Ticks += i_event == EVENT_TIMER ? 1 : 0;
+        return ACTION_CONTINUE;
+    }
+
     std::atomic<std::uint32_t> iv_Events{0};
+    std::atomic<std::uint32_t> iv_Ticks{0};
 };
 
 class DispatcherCostTest : public EngineTest
@@ -161,6 +168,19 @@ class DispatcherCostTest : public EngineTest
         iv_Handles[i_index].add(EVENTS);
         return waitFor([&] { return iv_Idle[i_index]->iv_Events == EVENTS; }) &&
                loopCalls::waitForIdle();
+    }
+
+    void expectTicksAllocateNothing()
+    {
+        CountingHandler l_handler(iv_Unused);
+        addTimer(l_handler, 0, 1);
+        EXPECT_TRUE(waitFor([&] { return l_handler.iv_Ticks > EVENTS; }));
+        const int l_allocations = g_allocations;
+        const std::uint32_t l_ticks = l_handler.iv_Ticks;
+        EXPECT_TRUE(
+            waitFor([&] { return l_handler.iv_Ticks > l_ticks + EVENTS; }));
+        EXPECT_EQ(l_allocations, g_allocations);
+        finish(); // before the handler goes
     }
 
     std::deque<Countdown> iv_Handles;
@@ -230,13 +250,33 @@ TEST_F(DispatcherCostTest, EventWithAnIdleTimerAllocatesNothing)
     finish();
 }
 
-TEST_F(DispatcherCostTest, EventServedByTwoThreadsAllocatesNothing)
+TEST_F(DispatcherCostTest, TickAllocatesNothing)
+{
+    start();
+    expectTicksAllocateNothing();
+}
+
+TEST_F(DispatcherCostTest, TickServedByTwoThreadsAllocatesNothing)
+{
+    start(2, 2);
+    expectTicksAllocateNothing();
+}
+
+// The byte that puts the descriptor back costs a wait of its own.
+TEST_F(DispatcherCostTest, EventServedByTwoThreadsCostsOneWakeUpMore)
 {
     start(2, 2);
     registerAll();
     ASSERT_TRUE(loopCalls::waitForIdle());
     const int l_allocations = g_allocations;
+    const int l_waits = loopCalls::calls(loopCalls::SELECT);
+    const int l_sent = loopCalls::calls(loopCalls::SEND);
+    const int l_received = loopCalls::calls(loopCalls::RECV);
     ASSERT_TRUE(serve(DESCRIPTORS / 2));
     EXPECT_EQ(l_allocations, g_allocations);
+    constexpr int COUNT = static_cast<int>(EVENTS);
+    EXPECT_EQ(l_waits + 2 * COUNT, loopCalls::calls(loopCalls::SELECT));
+    EXPECT_EQ(l_sent + COUNT, loopCalls::calls(loopCalls::SEND));
+    EXPECT_EQ(l_received + COUNT, loopCalls::calls(loopCalls::RECV));
     finish();
 }

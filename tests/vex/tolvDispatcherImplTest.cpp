@@ -5,6 +5,7 @@
 #include "support/expectAbort.hpp"
 #include "support/loopCalls.hpp"
 #include "support/privateMember.hpp"
+#include "support/virtualSlot.hpp"
 #include "support/waitFor.hpp"
 #include "tolv/vex/tolvThPool.hpp"
 
@@ -197,6 +198,15 @@ TEST_F(DispatcherImplTest, WakeUpPairIsOfTheUnixDomainAndClosedOnExec)
     EXPECT_EQ(0, l_pair.protocol);
     EXPECT_EQ(FD_CLOEXEC, fcntl(l_pair.handles[0], F_GETFD));
     EXPECT_EQ(FD_CLOEXEC, fcntl(l_pair.handles[1], F_GETFD));
+}
+
+TEST(DispatcherImplSlotTest, DumpFollowsThoseOfThePrivateBase)
+{
+    static_assert(std::is_base_of<Base, MTDispatcher>::value, "derived");
+    static_assert(!std::is_convertible<MTDispatcher*, Base*>::value,
+                  "privately");
+    EXPECT_EQ(4U, virtualSlot(&MTDispatcher::Dump));
+    EXPECT_EQ(5U, virtualSlots<MTDispatcher>());
 }
 
 TEST_F(DispatcherImplTest, DumpPrintsNothing)
@@ -478,6 +488,32 @@ TEST_F(DispatcherImplTest, HandlerThatAnswersRemoveForItsOnlyDescriptorGoes)
     EXPECT_EQ(1, iv_Destroyed);
 }
 
+TEST_F(DispatcherImplTest, AnswerThatEndsARegistrationWakesTheLoopOnce)
+{
+    start();
+    RecordingHandler& l_handler = ownedHandler("a");
+    const Pipe& l_unregistered = addPipe(l_handler);
+    const Pipe& l_one = addPipe(l_handler);
+    const Pipe& l_last = addPipe(l_handler);
+    const OS_HANDLE l_first = l_unregistered.handle();
+    l_handler.iv_OnRead = [=](OS_HANDLE i_handle)
+    {
+        return i_handle == l_first ? Handler::ACTION_UNREGISTER
+                                   : Handler::ACTION_REMOVE;
+    };
+    std::size_t l_calls = 0;
+    for (const Pipe* l_pipe : {&l_unregistered, &l_one, &l_last})
+    {
+        ASSERT_TRUE(loopCalls::waitForIdle());
+        const int l_sent = loopCalls::calls(loopCalls::SEND);
+        l_pipe->write();
+        ASSERT_TRUE(iv_Log.waitForCalls(++l_calls));
+        ASSERT_TRUE(loopCalls::waitForIdle());
+        EXPECT_EQ(l_sent + 1, loopCalls::calls(loopCalls::SEND));
+    }
+    EXPECT_EQ(1, iv_Destroyed);
+}
+
 TEST_F(DispatcherImplTest, RemoveForOneOfTwoDescriptorsDropsOnlyThatOne)
 {
     start();
@@ -691,6 +727,31 @@ TEST_F(DispatcherImplTest, RegisterByAnotherThreadDuringACallbackEndsThePass)
                        l_other.join();
                        return Handler::ACTION_CONTINUE;
                    });
+}
+
+TEST_F(DispatcherImplTest, ChangeBeforeThePassDoesNotEndIt)
+{
+    start();
+    const Pipe& l_new = addPipe();
+    RecordingHandler& l_first = handler("first");
+    const Pipe& l_one = addPipe(l_first);
+    const Pipe& l_two = addPipe(handler("second"));
+    std::atomic<int> l_waits(0);
+    l_first.iv_OnRead = [&](OS_HANDLE)
+    {
+        l_waits = loopCalls::calls(loopCalls::SELECT);
+        return Handler::ACTION_CONTINUE;
+    };
+    hold();
+    l_one.write();
+    l_two.write();
+    add(l_new, handler("new"));
+    const int l_held = loopCalls::calls(loopCalls::SELECT);
+    loopCalls::letGo();
+    ASSERT_TRUE(iv_Log.waitForCalls(2));
+    EXPECT_EQ(l_held, l_waits);
+    EXPECT_EQ((std::vector<int>{0, 0}), iv_Log.waits());
+    finish(); // before what the callback uses goes
 }
 
 TEST_F(DispatcherImplTest, AnswersDoNotEndThePass)
@@ -1170,6 +1231,26 @@ TEST(DispatcherImplDeathTest, NoWakeUpPairFails)
         SOURCE, 90,
         "tolv::MTDispatcher::MTDispatcher(uint32_t, uint32_t, bool)",
         "0 == socketpair( 1, SOCK_STREAM, 0, &iv_Outgoing )");
+}
+
+TEST(DispatcherImplDeathTest, WakeUpPairThatSelectCannotHoldAborts)
+{
+    rlimit l_limit = {};
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &l_limit));
+    if (l_limit.rlim_max < 1100)
+    {
+        GTEST_SKIP() << "no more than " << l_limit.rlim_max << " descriptors";
+    }
+    EXPECT_ABORT({
+        l_limit.rlim_cur = 1100;
+        setrlimit(RLIMIT_NOFILE, &l_limit);
+        int l_highest = 0;
+        while (l_highest != -1 && l_highest < 1022)
+        {
+            l_highest = dup(STDIN_FILENO);
+        }
+        const MTDispatcher l_engine(1, 1, false); // has 1023 and 1024
+    });
 }
 
 TEST(DispatcherImplDeathTest, WakeUpThatCannotBeSentFails)

@@ -4,19 +4,34 @@
 #include "support/privateMember.hpp"
 #include "support/waitFor.hpp"
 #include "tolv/vex/tolvDispatcherImpl.hpp"
+#include "tolv/vex/tolvMutex.hpp"
+#include "tolv/vex/tolvThPool.hpp"
 
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <unistd.h>
 
+#include <cstdint>
+
+#include <atomic>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 using namespace tolv;
 
 using PairOfHandles = int[2];
 TOLV_PRIVATE_MEMBER(EnginePair, MTDispatcher, PairOfHandles, iv_Outgoing);
+TOLV_PRIVATE_MEMBER(EngineLock, MTDispatcher, Mutex, iv_RegLock);
+TOLV_PRIVATE_MEMBER(PendingHandles, MTDispatcher, HandleTable,
+                    iv_PendingHandles);
+TOLV_PRIVATE_MEMBER(PendingTimers, MTDispatcher, TimerQueue, iv_PendingTimers);
+TOLV_PRIVATE_MEMBER(EnginePool, MTDispatcher, ThreadPool* const, iv_Pool);
+TOLV_PRIVATE_MEMBER(PoolDone, ThreadPool, Condition, iv_Done);
+TOLV_PRIVATE_MEMBER(Waiters, Condition, std::atomic<unsigned int>, iv_Waiters);
+TOLV_PRIVATE_MEMBER(HandlerRemoved, EventHandler, bool, iv_Removed);
 
 namespace
 {
@@ -66,6 +81,13 @@ class DispatcherTeardownTest : public EngineTest
         addPipe(io_handler).write();
         ASSERT_TRUE(iv_Gate.waitForArrived());
         EXPECT_TRUE(iv_Engine->Shutdown(0));
+    }
+
+    bool isToBeRemoved(const EventHandler& i_handler)
+    {
+        Mutex& l_mutex = (*iv_Engine).*get(EngineLock());
+        const MutexLock l_lock(l_mutex);
+        return i_handler.*get(HandlerRemoved());
     }
 
     // Lets the straggler come to its end, and its engine.
@@ -158,6 +180,31 @@ TEST_F(DispatcherTeardownTest, DestroysThoseThatAnswerRemoveAndForgetsTheOthers)
     EXPECT_EQ(4, iv_Destroyed);
     EXPECT_EQ(6U, iv_Log.calls().size());
     l_staying.iv_OnDestruction = nullptr;
+}
+
+TEST_F(DispatcherTeardownTest, DestroysInTheOrderOfTheTables)
+{
+    start();
+    std::vector<std::string> l_destroyed;
+    const auto l_going = [&](const std::string& i_name) -> RecordingHandler&
+    {
+        RecordingHandler& l_handler = goingHandler(i_name);
+        l_handler.iv_OnDestruction = [&, i_name]
+        { l_destroyed.push_back(i_name); };
+        return l_handler;
+    };
+    addTimer(l_going("first timer"), 1000);
+    addTimer(l_going("second timer"), 2000);
+    addPipe(l_going("first handle"));
+    addPipe(l_going("second handle"));
+    stop();
+    addTimer(l_going("pending timer"), 1000);
+    addPipe(l_going("pending handle"));
+    tearDown();
+    EXPECT_EQ((std::vector<std::string>{"first handle", "second handle",
+                                        "pending handle", "first timer",
+                                        "second timer", "pending timer"}),
+              l_destroyed);
 }
 
 TEST_F(DispatcherTeardownTest, OtherAnswersLeaveTheHandler)
@@ -280,6 +327,30 @@ TEST_F(DispatcherTeardownTest, HandlerMayAddOthersWhenItIsTold)
         iv_Log.calls());
 }
 
+TEST_F(DispatcherTeardownTest, HandlerThatForgetsItselfAndAnswersRemoveGoes)
+{
+    start();
+    RecordingHandler& l_reading = ownedHandler("reading");
+    const OS_HANDLE l_handle = addPipe(l_reading).handle();
+    l_reading.iv_OnShutdown = [=]
+    {
+        iv_Engine->Unregister(l_handle);
+        return remove();
+    };
+    RecordingHandler& l_ticking = ownedHandler("ticking");
+    const Timer_t l_timer = addTimer(l_ticking, 1000);
+    l_ticking.iv_OnShutdown = [=]
+    {
+        iv_Engine->CancelTimer(l_timer);
+        return remove();
+    };
+    finish();
+    EXPECT_EQ(
+        (Calls{shutdown("reading", l_handle), shutdown("ticking", l_timer)}),
+        iv_Log.calls());
+    EXPECT_EQ(2, iv_Destroyed);
+}
+
 // Were the lock held, the destructors would never come to their end.
 TEST_F(DispatcherTeardownTest, DestructorsMayUseTheEngineDuringTheTeardown)
 {
@@ -302,6 +373,8 @@ TEST_F(DispatcherTeardownTest, DestructorsMayUseTheEngineDuringTheTeardown)
     addTimer(l_handler, 1000);
     finish();
     EXPECT_EQ(1, iv_Destroyed);
+    EXPECT_TRUE(((*iv_Engine).*get(PendingHandles())).list().empty());
+    EXPECT_TRUE(((*iv_Engine).*get(PendingTimers())).list().empty());
 }
 
 TEST_F(DispatcherTeardownTest, DestructorsMayUseTheEngineWhenAHandlerIsRemoved)
@@ -358,6 +431,23 @@ TEST_F(DispatcherTeardownTest, ClosesTheWakeUpPairAndSleepsASecond)
     EXPECT_EQ(-1, ((*iv_Engine).*get(EnginePair()))[0]);
     EXPECT_EQ(-1, ((*iv_Engine).*get(EnginePair()))[1]);
     EXPECT_EQ(1, loopCalls::calls(loopCalls::SLEEP));
+}
+
+TEST_F(DispatcherTeardownTest, DestructionAloneClosesNothingAndCallsNobody)
+{
+    start();
+    const loopCalls::Pair l_pair = loopCalls::lastPair();
+    RecordingHandler& l_handler = handler("a");
+    l_handler.iv_OnDestruction = [this] { ++iv_Destroyed; };
+    addPipe(l_handler);
+    addTimer(l_handler, 1000);
+    stop();
+    iv_Engine.reset();
+    EXPECT_EQ(Calls(), iv_Log.calls());
+    EXPECT_EQ(0, iv_Destroyed);
+    l_handler.iv_OnDestruction = nullptr;
+    EXPECT_EQ(0, close(l_pair.handles[0]));
+    EXPECT_EQ(0, close(l_pair.handles[1]));
 }
 
 TEST_F(DispatcherTeardownTest, NothingIsFoundAnyMoreAfterIt)
@@ -424,6 +514,32 @@ TEST_F(DispatcherTeardownTest, PendingOnesOfAStragglersHandlerGoWithIt)
     EXPECT_EQ(1, iv_Destroyed);
 }
 
+TEST_F(DispatcherTeardownTest, HandlerToBeRemovedIsNotToldWhileAThreadIsInside)
+{
+    start(2, 2);
+    RecordingHandler& l_handler = ownedHandler("a");
+    l_handler.iv_OnRead = [this](OS_HANDLE)
+    {
+        iv_Gate.pass();
+        return Handler::ACTION_CONTINUE;
+    };
+    l_handler.iv_OnTick = [](Timer_t) { return remove(); };
+    addPipe(l_handler);
+    const Pipe& l_pipe = addPipe(l_handler);
+    l_pipe.write();
+    ASSERT_TRUE(iv_Gate.waitForArrived());
+    addTimer(l_handler, 1000);
+    const Timer_t l_timer = addTimer(l_handler, 0);
+    ASSERT_TRUE(waitFor([&] { return isToBeRemoved(l_handler); }));
+    EXPECT_TRUE(iv_Engine->Shutdown(0));
+    tearDown();
+    EXPECT_EQ((Calls{read("a", l_pipe), {"a", l_timer, 128}}), iv_Log.calls());
+    EXPECT_EQ(0, iv_Destroyed);
+    releaseStraggler();
+    EXPECT_EQ(1, iv_Destroyed);
+    EXPECT_EQ(2U, iv_Log.calls().size());
+}
+
 TEST_F(DispatcherTeardownTest, StragglerInATimerIsLeftAlone)
 {
     start();
@@ -442,6 +558,67 @@ TEST_F(DispatcherTeardownTest, StragglerInATimerIsLeftAlone)
     EXPECT_EQ(0, iv_Destroyed);
     releaseStraggler();
     EXPECT_EQ(1, iv_Destroyed);
+}
+
+TEST_F(DispatcherTeardownTest, ThreadWhoseWaitEndsAfterItLeaves)
+{
+    for (const std::uint32_t l_threads : {1U, 2U})
+    {
+        start(l_threads, l_threads);
+        iv_Finished = false;
+        ASSERT_TRUE(loopCalls::waitForIdle());
+        loopCalls::holdAfter();
+        wake();
+        ASSERT_TRUE(loopCalls::waitForHeld());
+        EXPECT_TRUE(iv_Engine->Shutdown(0));
+        tearDown();
+        const int l_received = loopCalls::calls(loopCalls::RECV);
+        loopCalls::letGo();
+        iv_Engine.reset();
+        EXPECT_EQ(l_received, loopCalls::calls(loopCalls::RECV));
+    }
+}
+
+TEST_F(DispatcherTeardownTest, ThreadMayHandOverWhileTheEngineIsDestroyed)
+{
+    start(2, 2);
+    const Pipe& l_pipe = addPipe(handler("a"));
+    ASSERT_TRUE(loopCalls::waitForIdle());
+    loopCalls::holdAfter();
+    l_pipe.write();
+    ASSERT_TRUE(loopCalls::waitForHeld());
+    EXPECT_TRUE(iv_Engine->Shutdown(0));
+    tearDown();
+    const Condition& l_done = *(*iv_Engine.*get(EnginePool())).*get(PoolDone());
+    std::thread l_destroyer([this] { iv_Engine.reset(); });
+    EXPECT_TRUE(waitFor([&] { return l_done.*get(Waiters()) != 0; }));
+    loopCalls::letGo();
+    l_destroyer.join();
+    EXPECT_EQ((Calls{shutdown("a", l_pipe.handle())}), iv_Log.calls());
+}
+
+TEST_F(DispatcherTeardownTest, StragglerInARefreshIsLeftAlone)
+{
+    start();
+    RecordingHandler& l_handler = goingHandler("a");
+    RecordingHandler& l_ticking = handler("ticking");
+    l_handler.iv_OnRefresh = [this] { iv_Gate.pass(); };
+    l_ticking.iv_OnTick = [](Timer_t) { return Handler::ACTION_REFRESH; };
+    const OS_HANDLE l_refreshed = addPipe(l_handler).handle();
+    const OS_HANDLE l_next = addPipe(l_ticking).handle();
+    const Timer_t l_timer = addTimer(l_ticking, 0);
+    ASSERT_TRUE(iv_Gate.waitForArrived());
+    EXPECT_TRUE(iv_Engine->Shutdown(0));
+    tearDown();
+    EXPECT_EQ(0, iv_Destroyed);
+    releaseStraggler();
+    EXPECT_EQ(1, iv_Destroyed);
+    EXPECT_EQ((Calls{{"ticking", l_timer, 128},
+                     {"a", l_refreshed, 32},
+                     shutdown("a", l_refreshed),
+                     shutdown("ticking", l_next),
+                     shutdown("ticking", l_timer)}),
+              iv_Log.calls());
 }
 
 // --- what ends the process
