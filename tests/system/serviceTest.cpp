@@ -127,9 +127,8 @@ bool isOpen(OS_HANDLE i_handle)
 // The number that the next descriptor gets: the lowest that is free.
 OS_HANDLE nextHandle()
 {
-    const OS_HANDLE l_next = dup(STDERR_FILENO);
-    close(l_next);
-    return l_next;
+    const PeerSocket l_next(dup(STDERR_FILENO));
+    return l_next.handle();
 }
 
 /// Answers every message, and ends with its peer or when it is told to.
