@@ -1332,6 +1332,7 @@ TEST_F(DispatcherRemovalTest, NumberIsReusedWhileItsOldCallbackRuns)
         l_dispatcher.Register(l_number, l_other, 0);
         l_reused.send();
         EXPECT_TRUE(waitFor([&] { return l_other.iv_Reads == 1; }));
+        ASSERT_TRUE(waitUntilInside(l_dispatcher, l_other, 0));
         EXPECT_EQ(1, threadsInside(l_dispatcher, *l_handler));
         l_gate.open();
         if (l_answer == REMOVE)
