@@ -131,6 +131,28 @@ OS_HANDLE nextHandle()
     return l_next.handle();
 }
 
+int option(OS_HANDLE i_handle, int i_option)
+{
+    int l_value = -1;
+    socklen_t l_length = sizeof(l_value);
+    getsockopt(i_handle, SOL_SOCKET, i_option, &l_value, &l_length);
+    return l_value;
+}
+
+// The acceptor's socket: no other one listens or takes datagrams yet.
+OS_HANDLE listener()
+{
+    for (OS_HANDLE l_handle = 0; l_handle != 64; ++l_handle)
+    {
+        if (option(l_handle, SO_ACCEPTCONN) == 1 ||
+            option(l_handle, SO_TYPE) == SOCK_DGRAM)
+        {
+            return l_handle;
+        }
+    }
+    return OS_INVALID;
+}
+
 /// Answers every message, and ends with its peer or when it is told to.
 class Echo : public Service
 {
@@ -293,7 +315,6 @@ class ServiceSystemTest : public testing::TestWithParam<Way>
     template <class ACCEPTOR>
     void open()
     {
-        const OS_HANDLE l_next = nextHandle();
         std::unique_ptr<ACCEPTOR> l_acceptor = std::make_unique<ACCEPTOR>(
             *iv_Dispatcher, Echo::make,
             iv_Way.type == SOCK_TYPE_UNIX ? iv_Path.c_str() : iv_Way.host, 0,
@@ -301,7 +322,8 @@ class ServiceSystemTest : public testing::TestWithParam<Way>
         const pError_t l_error = l_acceptor->Open();
         ASSERT_FALSE(l_error) << l_error->getText();
         iv_Acceptor = std::move(l_acceptor);
-        iv_Listener = l_next;
+        iv_Listener = listener();
+        ASSERT_NE(OS_INVALID, iv_Listener);
         LocalAddress l_address = {};
         l_address.length = sizeof(l_address.storage);
         ASSERT_EQ(0,
@@ -412,10 +434,26 @@ TEST_P(ServiceStreamTest, FailedAcceptEndsTheListeningAndNoService)
     expectEcho(*l_served);
     rlimit l_old = {};
     ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &l_old));
-    rlimit l_few = l_old;
-    l_few.rlim_cur = static_cast<rlim_t>(nextHandle()) + 1; // for the peer
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &l_few));
-    const std::unique_ptr<Channel> l_waits = connect();
+    std::unique_ptr<Channel> l_waits;
+    std::atomic<bool> l_connected(false);
+    Gate l_gate;
+    CountingHandler l_handler;
+    // In a callback, while this thread only waits: a sanitizer may open
+    // descriptors for a moment in any code of its own.
+    l_handler.iv_OnTimer = [&](Timer_t)
+    {
+        l_gate.pass();
+        rlimit l_few = l_old;
+        l_few.rlim_cur = static_cast<rlim_t>(nextHandle()) + 1; // for the peer
+        EXPECT_EQ(0, setrlimit(RLIMIT_NOFILE, &l_few));
+        l_waits = connect();
+        l_connected = true;
+        return EventHandler::ACTION_UNREGISTER;
+    };
+    OS_TIMEOUT l_atOnce;
+    iv_Dispatcher->AddTimer(l_handler, l_atOnce);
+    l_gate.open();
+    ASSERT_TRUE(waitFor([&] { return l_connected.load(); }));
     // The listener was registered first, so its turn is before this one.
     expectEcho(*l_served);
     ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &l_old));
