@@ -844,7 +844,7 @@ TEST_F(DispatcherThreadsTest, ClosedDescriptorOfAChangedTableIsNoFailure)
             return EBADF;
         });
     EXPECT_TRUE(renewWait(l_dispatcher));
-    EXPECT_TRUE(l_failed);
+    EXPECT_TRUE(waitFor([&] { return l_failed.load(); }));
     EXPECT_FALSE(isWatched(l_dispatcher, l_pair.near()));
     failWaits(nullptr);
 }
